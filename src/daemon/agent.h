@@ -1,0 +1,39 @@
+// The agent's state, created once by the daemon (and afresh by each test):
+// the tables it keeps, its counters, its command trace, and the seams through
+// which it reaches the system.
+#pragma once
+
+#include "daemon/thread_shared.h"
+#include "diag/command_trace.h"
+#include "diag/counters.h"
+#include "pal/rp_link.h"
+#include "platform/system_ports.h"
+#include "state/tunnel_table.h"
+
+namespace cpa {
+
+struct AgentSettings {
+  int g_unit_test_on = 0;         // -u
+  int g_replay_window_size = 0;   // -r: 32 or 64; 0 when not given
+};
+
+struct AgentSeams {
+  Clock& clock;
+  CommandRunner& commands;
+  RpOutbox& rp;
+};
+
+struct Agent {
+  Agent(AgentSettings s, AgentSeams seams) : settings(s), sys(seams), trace(seams.clock) {}
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  AgentSettings settings;
+  AgentSeams sys;
+  DebugCounters counters;
+  ThreadShared shared;
+  CommandTrace trace;
+  TunnelTable tunnels;
+};
+
+}  // namespace cpa

@@ -1,0 +1,196 @@
+#include "daemon/daemon.h"
+
+#include <arpa/inet.h>
+#include <linux/if_ether.h>
+#include <netinet/in.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "ceal/fastpath_stats.h"
+#include "daemon/agent.h"
+#include "daemon/options.h"
+#include "daemon/signals.h"
+#include "diag/log.h"
+#include "diag/state_dump.h"
+#include "kernel/netlink_listener.h"
+#include "kernel/netlink_socket.h"
+#include "link/arp.h"
+#include "link/keepalive.h"
+#include "pal/pal_dispatcher.h"
+#include "pal/rp_link.h"
+#include "platform/scoped_fd.h"
+
+namespace cpa {
+namespace {
+
+constexpr size_t kReceiveBufferSize = 2048;
+constexpr int kRequestSocketBuffer = 0x200000;
+constexpr uint32_t kPolicyEventGroups = 8;
+
+struct DaemonSockets {
+  ScopedFd g_sd;        // UDP requests
+  ScopedFd g_arp_sd;    // ARP on ethgrp0
+  ScopedFd nlsock_fd;   // netlink requests
+  ScopedFd nlmon_fd;    // netlink policy events
+};
+
+ScopedFd open_or_exit(int domain, int type, int protocol) {
+  ScopedFd fd(socket(domain, type, protocol));
+  if (!fd.valid()) {
+    cpa_log(LOG_ERR, " Failed socket() call, reason: %s", std::strerror(errno));
+    std::exit(0);
+  }
+  return fd;
+}
+
+ScopedFd netlink_or_exit(uint32_t groups) {
+  ScopedFd fd(kestrix_nlink_socket_create(groups));
+  if (!fd.valid()) std::exit(0);
+  return fd;
+}
+
+void bind_request_socket(int g_sd) {
+  cpa_log(LOG_INFO, "try to bind...");
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_port = htons(kPalPort);
+  local.sin_addr.s_addr = htonl(INADDR_ANY);
+  const int on = 1;
+  if (setsockopt(g_sd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0)
+    cpa_log(LOG_ERR, "setsockopt() error, reason: %s", std::strerror(errno));
+  if (setsockopt(g_sd, SOL_SOCKET, SO_RCVBUF, &kRequestSocketBuffer, sizeof kRequestSocketBuffer) < 0)
+    cpa_log(LOG_ERR, "setsockopt() SO_RCVBUF error, reason: %s", std::strerror(errno));
+  cpa_log(LOG_DEBUG, "Set the receive buffer size to 2 MB");
+  if (bind(g_sd, reinterpret_cast<sockaddr*>(&local), sizeof local) < 0) {
+    cpa_log(LOG_ERR, "bind() error reason: %s", std::strerror(errno));
+    close(g_sd);
+    std::_Exit(0);
+  }
+  cpa_log(LOG_INFO, "UDP server - bind() is OK");
+  cpa_log(LOG_DEBUG, "Using IP %s and port %d", inet_ntoa(local.sin_addr), kPalPort);
+  cpa_log(LOG_INFO, "UDP server - Listening...");
+}
+
+DaemonSockets open_sockets() {
+  DaemonSockets s;
+  s.g_sd = open_or_exit(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+  cpa_log(LOG_INFO, "socket() is OK");
+  s.g_arp_sd = open_or_exit(AF_PACKET, SOCK_DGRAM, htons(ETH_P_ARP));
+  cpa_log(LOG_INFO, "ARP socket() is OK");
+  return s;
+}
+
+void start_keepalive_or_exit(Keepalive& keepalive) {
+  const int rc = keepalive.start();
+  cpa_log(LOG_DEBUG, "pthread_create returns %d\n", rc);
+  if (rc != 0) {
+    cpa_log(LOG_DEBUG, "pthread_create error %d\n", rc);
+    std::exit(1);
+  }
+}
+
+// Unit-test mode starts from empty kernel tables and without the test tunnel.
+void clear_unit_test_leftovers(CommandRunner& commands) {
+  commands.run("ip xfrm policy flush");
+  commands.run("ip xfrm state flush");
+  commands.run("ip tunnel del svti2");
+}
+
+class EventLoop {
+ public:
+  EventLoop(Agent& agent, RpLink& rp, ArpPort& arp, const DaemonSockets& sockets)
+      : agent_(agent), rp_(rp), arp_(arp), sockets_(sockets) {}
+
+  [[noreturn]] void serve_forever() {
+    const int nfds = std::max({sockets_.g_sd.get(), sockets_.g_arp_sd.get(),
+                               sockets_.nlmon_fd.get(), signal_wake_fd()}) + 1;
+    for (;;) {
+      fd_set readable;
+      build_read_set(readable);
+      if (select(nfds, &readable, nullptr, nullptr, nullptr) < 0) {
+        if (errno != EINTR) cpa_log(LOG_ERR, "select() error, reason: %s", std::strerror(errno));
+        continue;
+      }
+      for (int fd = 0; fd < nfds; ++fd)
+        if (FD_ISSET(fd, &readable)) serve(fd);
+    }
+  }
+
+ private:
+  void build_read_set(fd_set& readable) const {
+    FD_ZERO(&readable);
+    FD_SET(sockets_.g_sd.get(), &readable);
+    FD_SET(sockets_.nlmon_fd.get(), &readable);
+    FD_SET(sockets_.g_arp_sd.get(), &readable);
+    if (signal_wake_fd() >= 0) FD_SET(signal_wake_fd(), &readable);
+  }
+
+  void serve(int fd) {
+    if (fd == sockets_.g_arp_sd.get()) {
+      arp_.bind_arp_socket(kArpInterface);
+      const ssize_t n = recv(fd, buffer_, sizeof buffer_, 0);
+      if (n > 0) cpa_log(LOG_DEBUG, "got something on ARP sd, len [%d]", static_cast<int>(n));
+    } else if (fd == sockets_.g_sd.get()) {
+      sockaddr_in source{};
+      socklen_t source_length = sizeof source;
+      const ssize_t n = rp_.kestrix_pal_recvfrom(buffer_, sizeof buffer_, &source, &source_length);
+      if (n > 0) kestrix_pal_process_msg(agent_, ReceivedBytes(buffer_, static_cast<size_t>(n)));
+    } else if (fd == sockets_.nlmon_fd.get()) {
+      cpa_log(LOG_DEBUG, "got notification from netlink");
+      kestrix_nlink_listener(fd);
+    } else if (fd == signal_wake_fd() && take_state_dump_request()) {
+      cpa_log(LOG_DEBUG, "Signalled! ");
+      kestrix_dump_all_tunnels(agent_.tunnels);
+    }
+  }
+
+  Agent& agent_;
+  RpLink& rp_;
+  ArpPort& arp_;
+  const DaemonSockets& sockets_;
+  uint8_t buffer_[kReceiveBufferSize];  // the one receive buffer of the UDP and ARP paths
+};
+
+}  // namespace
+
+int run_agent(int argc, char* argv[]) {
+  open_agent_syslog();
+  kestrix_reg_sighdlr();
+  const std::optional<Options> opts = parse_options(argc, argv, stdout);
+  if (!opts) return 0;
+  if (opts->filter_log) setlogmask(LOG_UPTO(opts->log_severity));
+  cpa_log(LOG_INFO, "THIS IS THE START POINT");
+  cpa_log(LOG_DEBUG, "Coming up fresh with PID: %d", getpid());
+  cpa_log(LOG_DEBUG, "Replay window size is %d\n", opts->settings.g_replay_window_size);
+
+  DaemonSockets sockets = open_sockets();
+  ArpPort arp(sockets.g_arp_sd.get());
+  arp.bind_arp_socket(kArpInterface);
+  sockets.nlsock_fd = netlink_or_exit(0);
+  cpa_log(LOG_DEBUG, "nl_grps 0x%x", kPolicyEventGroups);
+  sockets.nlmon_fd = netlink_or_exit(kPolicyEventGroups);
+  cpa_log(LOG_DEBUG, "ike_proxy netink fd %d", sockets.nlmon_fd.get());
+  bind_request_socket(sockets.g_sd.get());
+
+  SystemClock clock;
+  ShellCommandRunner commands;
+  RpLink rp(sockets.g_sd.get());
+  FastPathStats fastpath;
+  fastpath.kestrix_stats_sharedmem_init();
+  Agent agent(opts->settings, AgentSeams{clock, commands, rp});
+  agent.tunnels.init_sadb();
+  bind_display_flag(&agent.shared.g_display_ctr);
+
+  Keepalive keepalive(agent.shared, agent.counters, commands);
+  start_keepalive_or_exit(keepalive);
+  if (agent.settings.g_unit_test_on) clear_unit_test_leftovers(commands);
+  EventLoop(agent, rp, arp, sockets).serve_forever();
+}
+
+}  // namespace cpa

@@ -1,0 +1,14 @@
+// The state dump: every tunnel and what it holds, written to syslog.
+#pragma once
+
+#include "state/tunnel_table.h"
+
+namespace cpa {
+
+// Dumps one tunnel; `i` is the running number of the dump.
+void kestrix_dump_cpa_intf(const cpa_interface_t* cpa_elem, int i);
+
+// Dumps every tunnel of the table, numbered from 0.
+void kestrix_dump_all_tunnels(const TunnelTable& tunnels);
+
+}  // namespace cpa
