@@ -1,0 +1,277 @@
+"""Sandbox for end-to-end tests of the real ipsec_cpa binary.
+
+Importing this module moves the test process into a private mount namespace
+(a tmpfs /dev with the few device nodes the agent needs, a fresh /dev/shm,
+and an overlay on /usr so that /usr/admin/log exists only here). Every agent
+then runs in a network namespace of its own, made fresh for it; its syslog
+lines are captured from a /dev/log socket. Everything vanishes with the
+process, whatever happens to the tests.
+
+Requires root (CI and the README's test command run as root).
+"""
+
+import ctypes
+import os
+import re
+import signal
+import socket
+import subprocess
+import threading
+import time
+import unittest
+
+REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+BINARY = os.environ.get("CPA_BINARY", os.path.join(REPO, "build", "ipsec_cpa"))
+
+CLONE_NEWNS = 0x00020000
+CLONE_NEWNET = 0x40000000
+MS_BIND, MS_REC, MS_PRIVATE = 0x1000, 0x4000, 0x40000
+
+PAL_PORT = 23456
+KEEPALIVE_PORT = 23458
+AGENT_ADDR = "127.0.0.1"
+RP_ADDR = "127.0.0.2"
+SCRATCH = "/dev/.cpa-scratch"
+
+LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DEBUG = 3, 4, 6, 7
+LOG_LOCAL0 = 16
+
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+def _check(rc, what):
+    if rc != 0:
+        err = ctypes.get_errno()
+        raise OSError(err, f"{what}: {os.strerror(err)}")
+
+
+def _mount(source, target, fstype, flags=0, data=None):
+    _check(_libc.mount(source.encode() if source else None, target.encode(),
+                       fstype.encode() if fstype else None, ctypes.c_ulong(flags),
+                       data.encode() if data else None), f"mount {target}")
+
+
+def _bind(source, target):
+    if os.path.isdir(source):
+        os.makedirs(target, exist_ok=True)
+    else:
+        open(target, "a").close()
+    _mount(source, target, None, MS_BIND)
+
+
+def _enter_mount_namespace():
+    _check(_libc.unshare(CLONE_NEWNS), "unshare(CLONE_NEWNS)")
+    _mount(None, "/", None, MS_REC | MS_PRIVATE)
+    keep = os.open("/dev", os.O_RDONLY | os.O_DIRECTORY)  # the host's /dev, once covered
+    _mount("tmpfs", "/dev", "tmpfs", 0, "mode=755")
+    os.makedirs("/dev/net")
+    for node in ("null", "zero", "full", "random", "urandom", "net/tun"):
+        src = f"/proc/self/fd/{keep}/{node}"
+        if os.path.exists(src):
+            _bind(src, f"/dev/{node}")
+    os.close(keep)
+    for name, target in (("fd", "/proc/self/fd"), ("stdin", "/proc/self/fd/0"),
+                         ("stdout", "/proc/self/fd/1"), ("stderr", "/proc/self/fd/2")):
+        os.symlink(target, f"/dev/{name}")
+    os.makedirs("/dev/shm")
+    _mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777")
+    os.makedirs(f"{SCRATCH}/usr-upper")
+    os.makedirs(f"{SCRATCH}/usr-work")
+    _mount("overlay", "/usr", "overlay", 0,
+           f"lowerdir=/usr,upperdir={SCRATCH}/usr-upper,workdir={SCRATCH}/usr-work")
+    os.makedirs("/usr/admin/log")
+
+
+def _fresh_network_namespace():
+    _check(_libc.unshare(CLONE_NEWNET), "unshare(CLONE_NEWNET)")
+    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+
+
+SANDBOXED = os.geteuid() == 0
+if SANDBOXED:
+    _enter_mount_namespace()
+
+
+class SyslogCapture:
+    """Binds /dev/log and records every line: (priority, text)."""
+
+    LINE = re.compile(rb"^<(\d+)>(?:\w{3} [ \d]\d \d\d:\d\d:\d\d )?([^:\[]+)(?:\[(\d+)\])?: (.*)$", re.S)
+
+    def __init__(self, path="/dev/log"):
+        if os.path.exists(path):
+            os.unlink(path)
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
+        self.sock.bind(path)
+        self.sock.settimeout(0.05)
+        self.records = []  # (facility, priority, ident, text)
+        self.cond = threading.Condition()
+        self.running = True
+        self.thread = threading.Thread(target=self._read, daemon=True)
+        self.thread.start()
+
+    def _read(self):
+        while self.running:
+            try:
+                raw = self.sock.recv(65536)
+            except socket.timeout:
+                continue
+            except OSError:
+                return
+            m = self.LINE.match(raw)
+            if not m:
+                continue
+            pri = int(m.group(1))
+            record = (pri >> 3, pri & 7, m.group(2).decode(), m.group(4).decode(errors="replace"))
+            with self.cond:
+                self.records.append(record)
+                self.cond.notify_all()
+
+    def lines(self):
+        """(priority, text) of every line so far."""
+        with self.cond:
+            return [(r[1], r[3]) for r in self.records]
+
+    def wait_for(self, text, timeout=5.0, priority=None, count=1):
+        deadline = time.monotonic() + timeout
+        with self.cond:
+            while True:
+                n = sum(1 for r in self.records if r[3] == text and (priority is None or r[1] == priority))
+                if n >= count:
+                    return True
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    return False
+                self.cond.wait(left)
+
+    def close(self):
+        self.running = False
+        self.thread.join()
+        self.sock.close()
+
+
+class RpClient:
+    """Plays the RP on loopback: requests go from RP_ADDR to the agent, and
+    responses are read where the agent sends them, RP_ADDR port 23456."""
+
+    def __init__(self, addr=RP_ADDR):
+        self.addr = addr
+        self.inbox = self._bound(addr, PAL_PORT)
+        self.sender = self._bound(addr, 0)
+
+    @staticmethod
+    def _bound(addr, port):
+        s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        # The agent holds the wildcard address of the same port; a socket bound
+        # to a specific address gets the datagrams sent to that address.
+        s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        s.bind((addr, port))
+        return s
+
+    def send(self, datagram, sender=None):
+        (sender or self.sender).sendto(bytes(datagram), (AGENT_ADDR, PAL_PORT))
+
+    def receive(self, timeout=2.0):
+        """The next datagram that reached the RP, or None."""
+        self.inbox.settimeout(timeout)
+        try:
+            data, _ = self.inbox.recvfrom(65536)
+            return data
+        except socket.timeout:
+            return None
+
+    def request(self, datagram, timeout=2.0):
+        self.send(datagram)
+        return self.receive(timeout)
+
+    def close(self):
+        self.inbox.close()
+        self.sender.close()
+
+
+class Agent:
+    """The real ipsec_cpa in a fresh network namespace, with its syslog."""
+
+    def __init__(self, *args, wait_ready=True):
+        _fresh_network_namespace()
+        self.syslog = SyslogCapture()
+        self.stdout_path = f"{SCRATCH}/agent-{time.monotonic_ns()}.out"
+        self.stderr_path = self.stdout_path + ".err"
+        with open(self.stdout_path, "wb") as out, open(self.stderr_path, "wb") as err:
+            self.proc = subprocess.Popen([BINARY, *args], stdout=out, stderr=err)
+        if wait_ready and not self.wait_log("Starting thread 1\n", timeout=10):
+            raise AssertionError(f"agent did not come up: {self.syslog.lines()}")
+
+    def wait_log(self, text, timeout=5.0, priority=None, count=1):
+        return self.syslog.wait_for(text, timeout, priority, count)
+
+    def log_lines(self):
+        return self.syslog.lines()
+
+    def texts(self):
+        return [t for _, t in self.syslog.lines()]
+
+    def stdout(self):
+        with open(self.stdout_path, "rb") as f:
+            return f.read().decode()
+
+    def stderr(self):
+        with open(self.stderr_path, "rb") as f:
+            return f.read().decode(errors="replace")
+
+    def signal(self, sig):
+        self.proc.send_signal(sig)
+
+    def alive(self):
+        return self.proc.poll() is None
+
+    def wait_exit(self, timeout=5.0):
+        return self.proc.wait(timeout)
+
+    def stop(self):
+        """Kills the agent; returns a problem description or None."""
+        problem = None
+        if not self.alive():
+            problem = f"agent exited with {self.proc.returncode}"
+        else:
+            self.proc.send_signal(signal.SIGKILL)
+            self.proc.wait()
+        self.syslog.close()
+        err = self.stderr()
+        if "Sanitizer" in err or "runtime error" in err:
+            problem = (problem or "") + "\nsanitizer report:\n" + err
+        return problem
+
+
+class AgentTestCase(unittest.TestCase):
+    """Each test starts its agents with start_agent(); they are stopped, and
+    checked for crashes and sanitizer reports, when the test ends."""
+
+    def setUp(self):
+        if not SANDBOXED:
+            self.skipTest("end-to-end tests need root")
+        if not os.access(BINARY, os.X_OK):
+            self.fail(f"no agent binary at {BINARY}")
+        self._agents = []
+        self._rps = []
+
+    def start_agent(self, *args, expect_running=True, wait_ready=True):
+        agent = Agent(*args, wait_ready=wait_ready)
+        self._agents.append((agent, expect_running))
+        self.addCleanup(self._stop, agent, expect_running)
+        return agent
+
+    def rp(self, addr=RP_ADDR):
+        client = RpClient(addr)
+        self.addCleanup(client.close)
+        return client
+
+    def _stop(self, agent, expect_running):
+        problem = agent.stop()
+        if problem and (expect_running or "sanitizer" in problem):
+            self.fail(problem)
+
+    def assertLogged(self, agent, text, priority=None, timeout=3.0, count=1):
+        if not agent.wait_log(text, timeout, priority, count):
+            self.fail(f"{text!r} (priority {priority}) not logged {count}x; got:\n" +
+                      "\n".join(repr(l) for l in agent.log_lines()))

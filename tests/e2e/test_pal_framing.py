@@ -1,0 +1,70 @@
+"""Framing of request datagrams: response shapes, the latched RP address,
+message types the request socket does not take, datagrams cut short."""
+
+import struct
+import unittest
+
+from rp_messages import be32, pal, init_start, split_response, MSG_KEEP_ALIVE, be16
+from sandbox import AgentTestCase, RpClient, LOG_ERR, LOG_INFO
+
+# Response shape by command: total length and where the status sits.
+SHAPES = {1: 18, 2: 14, 3: 14, 4: 14, 5: 14, 9: 14, 11: 18, 12: 14, 13: 18, 14: 14,
+          15: 22, 16: 14, 17: 14}
+
+
+class ResponseShapes(AgentTestCase):
+    def test_every_command_number_is_answered_in_its_shape(self):
+        agent = self.start_agent("-d", "7")
+        rp = self.rp()
+        callback = bytes([0xca, 0x11, 0xba, 0xc4])
+        for cmd in range(31):
+            # Zero handles after the callback: every handler refuses them.
+            data = rp.request(pal(cmd, callback + bytes(60)))
+            self.assertIsNotNone(data, f"command {cmd} not answered")
+            length = SHAPES.get(cmd, 6)
+            self.assertEqual(len(data), length, f"command {cmd}")
+            self.assertEqual(data[:6], be16(0) + be16(length) + be16(cmd))
+            if length > 6:
+                self.assertEqual(data[6:10], callback, f"command {cmd}")
+                self.assertEqual(data[10:length - 4], bytes(length - 14), f"command {cmd}")
+        self.assertLogged(agent, "action: INVALID cmd_type 7 status 1", LOG_INFO)
+        self.assertLogged(agent, "action: INVALID cmd_type 30 status 1", LOG_INFO)
+
+    def test_unhandled_command_bytes(self):
+        self.start_agent()
+        rp = self.rp()
+        self.assertEqual(rp.request(pal(7)), bytes([0, 0, 0, 6, 0, 7]))
+        self.assertEqual(rp.request(pal(30)), bytes([0, 0, 0, 6, 0, 0x1e]))
+
+
+class RpAddress(AgentTestCase):
+    def test_first_sender_fixes_where_all_responses_go(self):
+        self.start_agent()
+        first = self.rp("127.0.0.5")
+        other = self.rp("127.0.0.6")
+        first.send(init_start(1, 0x100))
+        self.assertEqual(len(first.receive()), 18)
+        other.send(init_start(2, 0x200))
+        self.assertEqual(len(first.receive()), 18)
+        self.assertIsNone(other.receive(timeout=0.3))
+
+
+class Refused(AgentTestCase):
+    def test_keepalive_type_on_request_socket_gets_no_response(self):
+        agent = self.start_agent()
+        rp = self.rp()
+        self.assertIsNone(rp.request(be16(MSG_KEEP_ALIVE) + be16(2) + be16(1), timeout=0.3))
+        self.assertLogged(agent, "Unknown msg type 3 rcvd", LOG_ERR)
+
+    def test_datagrams_too_short_for_a_command_are_dropped_with_one_line(self):
+        agent = self.start_agent()
+        rp = self.rp()
+        self.assertIsNone(rp.request(b"\x00", timeout=0.3))
+        self.assertIsNone(rp.request(be16(0) + be16(2), timeout=0.3))
+        self.assertLogged(agent, "Datagram of 1 bytes has no message header, dropped", LOG_ERR)
+        self.assertLogged(agent, "PAL request of 4 bytes has no command, dropped", LOG_ERR)
+        self.assertTrue(agent.alive())
+
+
+if __name__ == "__main__":
+    unittest.main()
