@@ -3,9 +3,13 @@
 // which it reaches the system.
 #pragma once
 
+#include <memory>
+
 #include "daemon/thread_shared.h"
 #include "diag/command_trace.h"
 #include "diag/counters.h"
+#include "kernel/netlink_transport.h"
+#include "kernel/policy_events.h"
 #include "pal/rp_link.h"
 #include "platform/system_ports.h"
 #include "state/tunnel_table.h"
@@ -21,10 +25,12 @@ struct AgentSeams {
   Clock& clock;
   CommandRunner& commands;
   RpOutbox& rp;
+  InterfaceIndex& ifindex;
 };
 
 struct Agent {
-  Agent(AgentSettings s, AgentSeams seams) : settings(s), sys(seams), trace(seams.clock) {}
+  Agent(AgentSettings s, AgentSeams seams)
+      : settings(s), sys(seams), trace(seams.clock), nlink(seams.ifindex) {}
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
@@ -34,6 +40,8 @@ struct Agent {
   ThreadShared shared;
   CommandTrace trace;
   TunnelTable tunnels;
+  NetlinkTransport nlink;  // kernel requests; its socket is attached at start-up
+  std::unique_ptr<KernelPolicyEvents> policy_events = std::make_unique<PolicylessTunnels>(tunnels);
 };
 
 }  // namespace cpa

@@ -36,7 +36,7 @@ constexpr uint32_t kPolicyEventGroups = 8;
 struct DaemonSockets {
   ScopedFd g_sd;        // UDP requests
   ScopedFd g_arp_sd;    // ARP on ethgrp0
-  ScopedFd nlsock_fd;   // netlink requests
+  ScopedFd nlsock_fd;   // netlink requests, until handed to the agent
   ScopedFd nlmon_fd;    // netlink policy events
 };
 
@@ -50,7 +50,7 @@ ScopedFd open_or_exit(int domain, int type, int protocol) {
 }
 
 ScopedFd netlink_or_exit(uint32_t groups) {
-  ScopedFd fd(kestrix_nlink_socket_create(groups));
+  ScopedFd fd = kestrix_nlink_socket_create(groups);
   if (!fd.valid()) std::exit(0);
   return fd;
 }
@@ -143,7 +143,7 @@ class EventLoop {
       if (n > 0) kestrix_pal_process_msg(agent_, ReceivedBytes(buffer_, static_cast<size_t>(n)));
     } else if (fd == sockets_.nlmon_fd.get()) {
       cpa_log(LOG_DEBUG, "got notification from netlink");
-      kestrix_nlink_listener(fd);
+      kestrix_nlink_listener(agent_, fd);
     } else if (fd == signal_wake_fd() && take_state_dump_request()) {
       cpa_log(LOG_DEBUG, "Signalled! ");
       kestrix_dump_all_tunnels(agent_.tunnels);
@@ -180,10 +180,12 @@ int run_agent(int argc, char* argv[]) {
 
   SystemClock clock;
   ShellCommandRunner commands;
+  SystemInterfaceIndex ifindex;
   RpLink rp(sockets.g_sd.get());
   FastPathStats fastpath;
   fastpath.kestrix_stats_sharedmem_init();
-  Agent agent(opts->settings, AgentSeams{clock, commands, rp});
+  Agent agent(opts->settings, AgentSeams{clock, commands, rp, ifindex});
+  agent.nlink.attach(std::move(sockets.nlsock_fd));
   agent.tunnels.init_sadb();
   bind_display_flag(&agent.shared.g_display_ctr);
 

@@ -2,13 +2,174 @@
 
 #include <sys/socket.h>
 
-#include <cstdint>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+#include "diag/log.h"
+#include "kernel/netlink_transport.h"
+#include "wire/xfrm_platform.h"
 
 namespace cpa {
+namespace {
 
-int kestrix_nlink_listener(int nl_fd) {
-  uint8_t datagram[4096];
-  return recv(nl_fd, datagram, sizeof datagram, 0) > 0 ? 0 : 1;
+constexpr size_t kHeaderSize = sizeof(nlmsghdr);
+
+int log_only(Agent&, ReceivedBytes) { return 0; }
+
+int new_policy(Agent& agent, ReceivedBytes msg) {
+  agent.counters.netlink_dbg_ctrs.n_notify_new_policy_req++;
+  return kestrix_nlink_proc_policy(agent, msg);
+}
+
+int acquire(Agent& agent, ReceivedBytes msg) {
+  agent.counters.netlink_dbg_ctrs.n_notify_acquire_msg++;
+  return kestrix_nlink_proc_acquire(agent, msg);
+}
+
+struct EventEntry {
+  uint16_t type;
+  const char* label;
+  int (*action)(Agent&, ReceivedBytes);  // its result is not looked at
+};
+
+const EventEntry kEvents[] = {
+    {XFRM_MSG_NEWSA, "XFRM_MSG_NEWSA:", log_only},
+    {XFRM_MSG_DELSA, "XFRM_MSG_DELSA:", log_only},
+    {XFRM_MSG_NEWPOLICY, "XFRM_MSG_NEWPOLICY::", new_policy},
+    {XFRM_MSG_DELPOLICY, "XFRM_MSG_DELPOLICY:", log_only},
+    {XFRM_MSG_ACQUIRE, "XFRM_MSG_ACQUIRE:", acquire},
+    {XFRM_MSG_EXPIRE, "XFRM_MSG_EXPIRE:", log_only},
+    {XFRM_MSG_UPDPOLICY, "XFRM_MSG_UPDPOLICY:", log_only},
+    {XFRM_MSG_UPDSA, "XFRM_MSG_UPDSA:", log_only},
+    {XFRM_MSG_POLEXPIRE, "XFRM_MSG_POLEXPIRE:", log_only},
+    {XFRM_MSG_FLUSHSA, "XFRM_MSG_FLUSHSA:", log_only},
+    {XFRM_MSG_FLUSHPOLICY, "XFRM_MSG_FLUSHPOLICY:", log_only},
+    {XFRM_MSG_NEWAE, "XFRM_MSG_NEWAE:", log_only},
+    {XFRM_MSG_REPORT, "XFRM_MSG_REPORT:", log_only},
+};
+
+// Where a policy message keeps its kernel index and direction. Only new
+// policies reach the listener's handler; deletions and expiries are read the
+// same way from their own bodies.
+struct PolicyBody {
+  uint16_t type;
+  size_t size;
+  size_t index_at;
+  size_t dir_at;
+};
+
+constexpr PolicyBody kPolicyBodies[] = {
+    {XFRM_MSG_NEWPOLICY, sizeof(xfrm_userpolicy_info_64), offsetof(xfrm_userpolicy_info_64, index),
+     offsetof(xfrm_userpolicy_info_64, dir)},
+    {XFRM_MSG_UPDPOLICY, sizeof(xfrm_userpolicy_info_64), offsetof(xfrm_userpolicy_info_64, index),
+     offsetof(xfrm_userpolicy_info_64, dir)},
+    {XFRM_MSG_DELPOLICY, sizeof(xfrm_userpolicy_id), offsetof(xfrm_userpolicy_id, index),
+     offsetof(xfrm_userpolicy_id, dir)},
+    {XFRM_MSG_POLEXPIRE, sizeof(xfrm_user_polexpire_64),
+     offsetof(xfrm_user_polexpire_64, pol) + offsetof(xfrm_userpolicy_info_64, index),
+     offsetof(xfrm_user_polexpire_64, pol) + offsetof(xfrm_userpolicy_info_64, dir)},
+};
+
+uint16_t type_of(ReceivedBytes msg) { return msg.read_padded<nlmsghdr>(0)->nlmsg_type; }
+
+// The tunnel named by the request id of the template among the attributes
+// behind a body of `body_size` bytes; nothing (logged) when there is none.
+std::optional<uint32_t> tunnel_of_template(const Agent& agent, ReceivedBytes msg, size_t body_size,
+                                           const char* no_tunnel) {
+  const auto tmpl = kestrix_rtattr_get(XFRMA_TMPL, msg.slice(kHeaderSize + body_size));
+  // A template too short to hold its request id names no tunnel either.
+  const auto reqid = tmpl ? tmpl->read<uint32_t>(offsetof(xfrm_user_tmpl, reqid)) : std::nullopt;
+  if (!reqid) {
+    cpa_log(LOG_ERR, "ERROR: requested rta not found: %s", "XFRMA_TMPL");
+    return std::nullopt;
+  }
+  uint32_t index = 0;
+  if (agent.tunnels.kestrix_sadb_lookup_by_reqid(&index, *reqid) != 0) {
+    cpa_log(LOG_ERR, "%s", no_tunnel);
+    return std::nullopt;
+  }
+  return index;
+}
+
+}  // namespace
+
+int kestrix_nlink_proc_policy(Agent& agent, ReceivedBytes msg) {
+  const uint16_t type = type_of(msg);
+  const PolicyBody* body = nullptr;
+  for (const PolicyBody& b : kPolicyBodies)
+    if (b.type == type) body = &b;
+  if (!body) {
+    cpa_log(LOG_ERR, "Wrong message, not a policy");
+    return 1;
+  }
+  const auto tunnel = tunnel_of_template(agent, msg, body->size, " netlink process message error ");
+  if (!tunnel) return 1;
+  const uint32_t k_index = msg.read_padded<uint32_t>(kHeaderSize + body->index_at).value;
+  const uint8_t dir = msg.read_padded<uint8_t>(kHeaderSize + body->dir_at).value;
+  return agent.policy_events->kestrix_policy_index_update(*tunnel, k_index, dir);
+}
+
+int kestrix_nlink_proc_acquire(Agent& agent, ReceivedBytes msg) {
+  if (type_of(msg) != XFRM_MSG_ACQUIRE) {
+    cpa_log(LOG_ERR, "Wrong msg, not acquire!");
+    return 1;
+  }
+  const auto tunnel = tunnel_of_template(agent, msg, sizeof(xfrm_user_acquire_64),
+                                         "Process an acquire notification ERROR");
+  if (!tunnel) return 1;
+  const auto acq = msg.read_padded<xfrm_user_acquire_64>(kHeaderSize);
+  return agent.policy_events->kestrix_notify_rp(&acq.value, *tunnel);
+}
+
+int kestrix_nlink_process_msg(Agent& agent, ReceivedBytes msg) {
+  const nlmsghdr nh = msg.read_padded<nlmsghdr>(0).value;
+  for (const EventEntry& event : kEvents) {
+    if (event.type == nh.nlmsg_type) {
+      cpa_log(LOG_DEBUG, "%s", event.label);
+      event.action(agent, msg);
+      return 0;
+    }
+  }
+  cpa_log(LOG_DEBUG, "msg type %d\n", nh.nlmsg_type);
+  if (nh.nlmsg_type < NLMSG_NOOP || nh.nlmsg_type > NLMSG_DONE)
+    cpa_log(LOG_ERR, "Unknown message: %08d 0x%08x 0x%08x\n", nh.nlmsg_len, nh.nlmsg_type,
+            nh.nlmsg_flags);
+  return 0;
+}
+
+bool kestrix_nlink_handle_datagram(Agent& agent, ReceivedBytes datagram) {
+  const auto nh = datagram.read<nlmsghdr>(0);
+  if (!nh || nh->nlmsg_len < kHeaderSize || nh->nlmsg_len > datagram.size()) {
+    cpa_log(LOG_ERR, "ERROR: NLMSG_OK failed!");
+    return false;
+  }
+  // The kernel's own events (port id 0) and the echoes of the agent's
+  // requests are handled; events caused by other processes' requests are not.
+  if (nh->nlmsg_pid == 0 || nh->nlmsg_pid == agent.nlink.port_id())
+    kestrix_nlink_process_msg(agent, datagram.slice(0, nh->nlmsg_len));
+  return true;
+}
+
+int kestrix_nlink_listener(Agent& agent, int nl_fd) {
+  uint8_t datagram[kNetBufSize];
+  for (;;) {
+    const ssize_t n = recvfrom(nl_fd, datagram, sizeof datagram, 0, nullptr, nullptr);
+    if (n == 0) {
+      cpa_log(LOG_ERR, "netlink receive EOF! ");
+      return 1;
+    }
+    if (n < 0) {
+      const int err = errno;
+      if (err == EINTR || err == EAGAIN || err == ENOMEM || err == ENOBUFS) {
+        cpa_log(LOG_ERR, "Got errno: %d\n", err);
+        continue;
+      }
+      cpa_log(LOG_ERR, "netlink receive error %s (%d)\n", std::strerror(err), err);
+      return 1;
+    }
+    if (kestrix_nlink_handle_datagram(agent, ReceivedBytes(datagram, static_cast<size_t>(n)))) return 0;
+  }
 }
 
 }  // namespace cpa

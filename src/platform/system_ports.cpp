@@ -1,5 +1,7 @@
 #include "platform/system_ports.h"
 
+#include <net/if.h>
+
 #include <cstdlib>
 
 namespace cpa {
@@ -11,5 +13,7 @@ timespec SystemClock::monotonic_now() {
 }
 
 int ShellCommandRunner::run(const char* command) { return std::system(command); }
+
+unsigned SystemInterfaceIndex::index_of(const char* name) { return if_nametoindex(name); }
 
 }  // namespace cpa

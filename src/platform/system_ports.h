@@ -1,5 +1,5 @@
-// Narrow seams over the system: the monotonic clock and the shell. The agent
-// uses the real ones; tests hand in fakes.
+// Narrow seams over the system: the monotonic clock, the shell and the names
+// of network devices. The agent uses the real ones; tests hand in fakes.
 #pragma once
 
 #include <time.h>
@@ -19,6 +19,13 @@ class CommandRunner {
   virtual int run(const char* command) = 0;
 };
 
+class InterfaceIndex {
+ public:
+  virtual ~InterfaceIndex() = default;
+  // The kernel's interface index of the device `name`; 0 when there is none.
+  virtual unsigned index_of(const char* name) = 0;
+};
+
 class SystemClock final : public Clock {
  public:
   timespec monotonic_now() override;
@@ -27,6 +34,11 @@ class SystemClock final : public Clock {
 class ShellCommandRunner final : public CommandRunner {
  public:
   int run(const char* command) override;
+};
+
+class SystemInterfaceIndex final : public InterfaceIndex {
+ public:
+  unsigned index_of(const char* name) override;
 };
 
 }  // namespace cpa

@@ -12,7 +12,8 @@
 namespace cpa::test {
 
 struct TestAgent {
-  explicit TestAgent(AgentSettings settings = {}) : agent(settings, AgentSeams{clock, commands, rp}) {}
+  explicit TestAgent(AgentSettings settings = {})
+      : agent(settings, AgentSeams{clock, commands, rp, ifindex}) {}
 
   // Delivers one datagram; the buffer is exactly as long as the datagram so
   // that a read past its end is caught by the address sanitizer.
@@ -31,6 +32,7 @@ struct TestAgent {
   FakeClock clock;
   FakeCommandRunner commands;
   RecordingOutbox rp;
+  FakeInterfaceIndex ifindex;
   Agent agent;
 };
 

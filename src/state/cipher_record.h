@@ -1,0 +1,30 @@
+// A cipher record: the parameters and keys of one IPsec SA as the RP
+// delivered them, in host order, waiting to be installed in the kernel.
+#pragma once
+
+#include <cstdint>
+
+#include "wire/cipher_info.h"
+
+namespace cpa {
+
+inline constexpr uint16_t kMaxKeyBytes = 256;
+
+// One stored key: `type` is the key's TLV type (0 when absent), `len` the
+// number of key bytes at the start of `data`.
+struct kestrix_key_val_t {
+  uint16_t type = 0;
+  uint16_t len = 0;
+  uint8_t data[kMaxKeyBytes] = {};
+};
+
+struct kestrix_ce_cipher_list_t {
+  int32_t ipsec_index = 0;  // the CEAL flow id
+  uint32_t ipsec_sa = 0;    // the RP's SA handle
+  kestrix_ce_cipher_info ce_cipher{};
+  kestrix_key_val_t esp_key_info;
+  kestrix_key_val_t esp_mac_key_info;
+  kestrix_key_val_t ah_key_info;
+};
+
+}  // namespace cpa
