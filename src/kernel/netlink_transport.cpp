@@ -59,8 +59,8 @@ int NetlinkTransport::kestrix_nlink_send(uint8_t* buf, size_t len, uint8_t* answ
 bool NetlinkTransport::send_request(const uint8_t* buf, size_t len) {
   sockaddr_nl kernel{};
   kernel.nl_family = AF_NETLINK;
-  const ssize_t sent =
-      sendto(nlsock_fd_.get(), buf, len, 0, reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel);
+  const ssize_t sent = sendto(nlsock_fd_.get(), buf, len, MSG_NOSIGNAL,
+                              reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel);
   if (sent <= 0) {
     cpa_log(LOG_ERR, "netlink send error %s (%d)\n", std::strerror(errno), errno);
     return false;
@@ -74,6 +74,7 @@ bool NetlinkTransport::send_request(const uint8_t* buf, size_t len) {
 // Blocks until a datagram arrives; only a signal makes it try again.
 ssize_t NetlinkTransport::receive_answer(uint8_t* answer, size_t recvsize) {
   for (;;) {
+    errno = 0;  // an end of file sets none
     const ssize_t n = recvfrom(nlsock_fd_.get(), answer, recvsize, 0, nullptr, nullptr);
     if (n > 0) return n;
     const int err = errno;

@@ -1,0 +1,163 @@
+// A fake of the platform kernel's NETLINK_XFRM, for tests: it serves the
+// agent's request socket on a thread of its own, checks every request
+// strictly against the platform's layouts (its own offsets, not the agent's
+// structs), keeps tables of SAs and policies, answers as a kernel does or as
+// a test scripts it, and multicasts the kernel's events to the monitor
+// sockets subscribed to their group.
+//
+// Unit tests take the agent's ends of socketpairs from request_socket() and
+// monitor_socket(); the end-to-end server accepts the real agent on a unix
+// seqpacket socket (listen_at), where each connection's first packet is the
+// sockaddr_nl the agent binds it with.
+//
+// Monitor sockets hold only a few datagrams (the unix datagram queue); the
+// fake drops what does not fit, as a kernel does with an overrun socket.
+#pragma once
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/scoped_fd.h"
+
+namespace cpa::test {
+
+using Message = std::vector<uint8_t>;
+
+// Multicast group masks.
+inline constexpr uint32_t kGroupAcquire = 1u << 0;
+inline constexpr uint32_t kGroupSa = 1u << 1;
+inline constexpr uint32_t kGroupPolicy = 1u << 3;
+
+// How the fake answers one request instead of serving it normally.
+struct ScriptedAnswer {
+  static ScriptedAnswer refusal(int error) {
+    ScriptedAnswer a;
+    a.error = error;
+    return a;
+  }
+  static ScriptedAnswer bytes(Message raw) {
+    ScriptedAnswer a;
+    a.raw = std::move(raw);
+    return a;
+  }
+  ScriptedAnswer after_late_answer() && {
+    late_answer_first = true;
+    return std::move(*this);
+  }
+  ScriptedAnswer with_seq_offset(uint32_t offset) && {
+    seq_offset = offset;
+    return std::move(*this);
+  }
+  ScriptedAnswer with_pid(uint32_t port_id) && {
+    pid = port_id;
+    return std::move(*this);
+  }
+
+  int error = 0;                   // refuse with this errno, tables untouched
+  std::optional<Message> raw;      // send these bytes as the only answer, tables untouched
+  bool late_answer_first = false;  // first an acknowledgement of the previous sequence number
+  uint32_t seq_offset = 0;         // added to the answer's sequence number
+  std::optional<uint32_t> pid;     // the answer's port id instead of the requester's
+};
+
+struct FakeSa {
+  uint32_t daddr = 0;  // as sent (network order)
+  uint32_t spi = 0;    // as sent (network order)
+  uint8_t proto = 0;
+  uint32_t reqid = 0;
+  uint32_t svti = 0;
+  Message body;  // the 224-byte body as requested
+};
+
+struct FakePolicy {
+  Message selector;  // the 56 bytes as requested
+  uint8_t dir = 0;
+  uint8_t action = 0;
+  uint32_t index = 0;  // the fake kernel's choice
+  uint32_t svti = 0;
+  uint32_t reqid = 0;  // the template's
+  Message body;        // the 192-byte body, index filled in
+  Message tmpl;        // the 64-byte template
+};
+
+// A netlink message: header, then `payload` (body and attributes).
+Message nl_message(uint16_t type, uint16_t flags, uint32_t seq, uint32_t pid, const Message& payload);
+// A policy event (new, updated, ...) with a 192-byte body; the template
+// carries `reqid`, and there is no template when it is not given.
+Message policy_event(uint16_t type, uint32_t pid, uint32_t index, uint8_t dir,
+                     std::optional<uint32_t> reqid);
+// An acquire from the kernel (port id 0) for the tunnel with request id `reqid`.
+Message acquire_event(std::optional<uint32_t> reqid);
+
+class FakeXfrmKernel {
+ public:
+  explicit FakeXfrmKernel(uint32_t agent_pid = static_cast<uint32_t>(getpid()));
+  ~FakeXfrmKernel();
+  FakeXfrmKernel(const FakeXfrmKernel&) = delete;
+  FakeXfrmKernel& operator=(const FakeXfrmKernel&) = delete;
+
+  // The agent's end of a new request socket.
+  ScopedFd request_socket();
+  // The agent's end of a new monitor socket subscribed to `groups`.
+  ScopedFd monitor_socket(uint32_t groups);
+  // Accepts agents on a unix seqpacket socket at `path`. False when it cannot.
+  bool listen_at(const std::string& path);
+
+  // The next requests are answered as scripted, one script each, in order.
+  void script_next(ScriptedAnswer answer);
+  // Sends `message` to every monitor subscribed to one of `groups`.
+  void multicast(uint32_t groups, const Message& message);
+
+  std::vector<Message> requests() const;
+  // What broke the platform's layouts (each such request was refused with EINVAL).
+  std::vector<std::string> violations() const;
+  std::vector<FakeSa> sas() const;
+  std::vector<FakePolicy> policies() const;
+
+  // Told of every bind, request and violation, on the serving thread.
+  void set_observer(std::function<void(const std::string&)> observer);
+
+ private:
+  struct Connection {
+    ScopedFd fd;
+    bool bound;
+    uint32_t groups;
+  };
+  struct Outcome;
+
+  void serve();
+  void add_connection(ScopedFd fd, bool bound, uint32_t groups);
+  void take_datagram(Connection& conn, const Message& datagram);
+  void bind_connection(Connection& conn, const Message& datagram);
+  Outcome answer(const Message& request);
+  Outcome serve_request(const Message& request);
+  Outcome serve_sa(uint16_t type, const Message& request);
+  Outcome serve_policy(uint16_t type, const Message& request);
+  void multicast_locked(uint32_t groups, const Message& message);
+  void note(const std::string& what);
+
+  mutable std::mutex mutex_;
+  uint32_t agent_pid_;
+  uint32_t next_index_ = 8;  // policy indexes: a multiple of 8 plus the direction
+  std::vector<Connection> connections_;
+  ScopedFd listener_;
+  std::deque<ScriptedAnswer> scripts_;
+  std::vector<Message> requests_;
+  std::vector<std::string> violations_;
+  std::vector<FakeSa> sas_;
+  std::vector<FakePolicy> policies_;
+  std::function<void(const std::string&)> observer_;
+  ScopedFd wake_;
+  bool stopping_ = false;
+  std::thread thread_;
+};
+
+}  // namespace cpa::test

@@ -1,0 +1,93 @@
+// Serves the fake platform kernel to the real agent for the end-to-end tests.
+//
+//   fake_xfrm_kernel_server <socket path>
+//
+// Start the agent with CPA_FAKE_XFRM_KERNEL=<socket path>. The server prints
+// "ready" once it listens, then one line per bind ("bound groups=0x8 pid=0"),
+// request ("request type=19 len=284") and layout violation. It reads
+// commands, one per line, from its standard input:
+//   acquire <reqid>|none                     multicast an acquire (acquire group)
+//   policy <type> <pid> <index> <dir> <reqid>|none   multicast a policy event (policy group)
+//   raw <group mask> <hex bytes>             multicast these bytes
+// Each command is answered with "ok" or "bad command". It stops at end of input.
+#include <cstdio>
+#include <iostream>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <string>
+
+#include "fakes/fake_xfrm_kernel.h"
+
+namespace {
+
+std::mutex g_out;
+
+void say(const std::string& line) {
+  std::lock_guard<std::mutex> lock(g_out);
+  std::cout << line << std::endl;
+}
+
+std::optional<uint32_t> reqid_arg(const std::string& word) {
+  if (word == "none") return std::nullopt;
+  return static_cast<uint32_t>(std::stoul(word, nullptr, 0));
+}
+
+cpa::test::Message hex_bytes(const std::string& hex) {
+  cpa::test::Message out;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2)
+    out.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+  return out;
+}
+
+bool run(cpa::test::FakeXfrmKernel& kernel, const std::string& line) {
+  std::istringstream in(line);
+  std::string verb;
+  in >> verb;
+  if (verb == "acquire") {
+    std::string reqid;
+    if (!(in >> reqid)) return false;
+    kernel.multicast(cpa::test::kGroupAcquire, cpa::test::acquire_event(reqid_arg(reqid)));
+  } else if (verb == "policy") {
+    unsigned type, pid, index, dir;
+    std::string reqid;
+    if (!(in >> type >> pid >> index >> dir >> reqid)) return false;
+    kernel.multicast(cpa::test::kGroupPolicy,
+                     cpa::test::policy_event(static_cast<uint16_t>(type), pid, index,
+                                             static_cast<uint8_t>(dir), reqid_arg(reqid)));
+  } else if (verb == "raw") {
+    uint32_t groups;
+    std::string hex;
+    if (!(in >> groups >> hex)) return false;
+    kernel.multicast(groups, hex_bytes(hex));
+  } else {
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  if (argc != 2) {
+    std::fprintf(stderr, "usage: %s <socket path>\n", argv[0]);
+    return 2;
+  }
+  cpa::test::FakeXfrmKernel kernel(0);
+  kernel.set_observer(say);
+  if (!kernel.listen_at(argv[1])) {
+    std::perror("listen");
+    return 1;
+  }
+  say("ready");
+  for (std::string line; std::getline(std::cin, line);) {
+    bool ok = false;
+    try {
+      ok = run(kernel, line);
+    } catch (const std::exception&) {
+      ok = false;
+    }
+    say(ok ? "ok" : "bad command");
+  }
+  return 0;
+}
