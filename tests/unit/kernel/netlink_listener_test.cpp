@@ -1,0 +1,240 @@
+#include "kernel/netlink_listener.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include "fakes/kernel_test_agent.h"
+#include "kernel/xfrm_policy.h"
+#include "support/wire_builder.h"
+
+namespace cpa::test {
+namespace {
+
+struct RecordingPolicyEvents final : KernelPolicyEvents {
+  struct Update {
+    uint32_t index, k_index;
+    uint8_t dir;
+    bool operator==(const Update&) const = default;
+  };
+  int kestrix_policy_index_update(uint32_t index, uint32_t k_index, uint8_t dir) override {
+    updates.push_back({index, k_index, dir});
+    return 0;
+  }
+  int kestrix_notify_rp(const xfrm_user_acquire_64* acq, uint32_t index) override {
+    notified.push_back(index);
+    acquired_proto = acq->id.proto;
+    return 0;
+  }
+  std::vector<Update> updates;
+  std::vector<uint32_t> notified;
+  uint8_t acquired_proto = 0;
+};
+
+class Listener : public ::testing::Test {
+ protected:
+  Listener() {
+    auto recording = std::make_unique<RecordingPolicyEvents>();
+    events = recording.get();
+    t.agent.policy_events = std::move(recording);
+  }
+  // Opens a tunnel; its slot is its request id.
+  uint32_t open_tunnel(uint32_t create_handle) {
+    const kestrix_pal_initialize_start_req req{htonl(0xca11), htonl(create_handle), 0};
+    cdh_sadbhandle handle = 0;
+    EXPECT_EQ(t.agent.tunnels.create_alloc_sadbhdl(req, &handle), CRYPTO_NO_ERR);
+    return ntohl(handle);
+  }
+  int listen() { return kestrix_nlink_listener(t.agent, monitor.get()); }
+  int handle(const Message& m) {
+    Message exact(m);
+    return kestrix_nlink_process_msg(t.agent, ReceivedBytes(exact.data(), exact.size()));
+  }
+
+  KernelTestAgent t;
+  ScopedFd monitor = t.kernel.monitor_socket(kGroupPolicy);
+  RecordingPolicyEvents* events;
+};
+
+bool readable(int fd) {
+  pollfd p{fd, POLLIN, 0};
+  return poll(&p, 1, 0) == 1;
+}
+
+TEST_F(Listener, TheKernelsEchoOfAnAddGivesItsIndexToTheTunnelOfTheTemplate) {
+  open_tunnel(0x100);
+  const uint32_t reqid = open_tunnel(0x200);
+  XfrmPolicyArgs policy;
+  policy.dir = 0;
+  policy.reqid = reqid;
+  ASSERT_EQ(kestrix_nlink_policy_add(t.agent.nlink, 0, policy, nullptr), 0);
+  EXPECT_EQ(listen(), 0);
+  const uint32_t k_index = t.kernel.policies().at(0).index;
+  EXPECT_EQ(events->updates, (std::vector<RecordingPolicyEvents::Update>{{2, k_index, 0}}));
+  EXPECT_TRUE(t.log.has(LOG_DEBUG, "XFRM_MSG_NEWPOLICY::"));
+  EXPECT_EQ(t.agent.counters.netlink_dbg_ctrs.n_notify_new_policy_req, 1u);
+}
+
+TEST_F(Listener, OnlyTheKernelsAndTheAgentsOwnEventsAreHandled) {
+  const uint32_t reqid = open_tunnel(0x100);
+  t.kernel.multicast(kGroupPolicy, policy_event(19, 4242, 0x99, 1, reqid));
+  t.kernel.multicast(kGroupPolicy, policy_event(19, 0, 0x18, 0, reqid));
+  t.kernel.multicast(kGroupPolicy, policy_event(19, getpid(), 0x21, 1, reqid));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(listen(), 0);
+  EXPECT_EQ(events->updates,
+            (std::vector<RecordingPolicyEvents::Update>{{reqid, 0x18, 0}, {reqid, 0x21, 1}}));
+  EXPECT_EQ(t.log.count("XFRM_MSG_NEWPOLICY::"), 2);
+}
+
+TEST_F(Listener, EveryOtherEventIsOnlyLogged) {
+  const std::pair<uint16_t, const char*> labelled[] = {
+      {16, "XFRM_MSG_NEWSA:"},        {17, "XFRM_MSG_DELSA:"},       {20, "XFRM_MSG_DELPOLICY:"},
+      {24, "XFRM_MSG_EXPIRE:"},       {25, "XFRM_MSG_UPDPOLICY:"},   {26, "XFRM_MSG_UPDSA:"},
+      {27, "XFRM_MSG_POLEXPIRE:"},    {28, "XFRM_MSG_FLUSHSA:"},     {29, "XFRM_MSG_FLUSHPOLICY:"},
+      {30, "XFRM_MSG_NEWAE:"},        {32, "XFRM_MSG_REPORT:"}};
+  const uint32_t reqid = open_tunnel(0x100);
+  for (const auto& [type, label] : labelled) {
+    t.log.clear();
+    EXPECT_EQ(handle(policy_event(type, 0, 0x10, 1, reqid)), 0);
+    EXPECT_EQ(t.log.lines(), (std::vector<LogLine>{{LOG_DEBUG, label}})) << type;
+  }
+  EXPECT_TRUE(events->updates.empty());
+
+  for (uint16_t type : {1, 2, 3}) {
+    t.log.clear();
+    handle(nl_message(type, 0, 0, 0, {}));
+    EXPECT_EQ(t.log.lines(), (std::vector<LogLine>{{LOG_DEBUG, "msg type " + std::to_string(type) + "\n"}}));
+  }
+  t.log.clear();
+  handle(nl_message(40, 0x300, 0, 0, Message(4, 0)));
+  EXPECT_EQ(t.log.lines(), (std::vector<LogLine>{{LOG_DEBUG, "msg type 40\n"},
+                                                 {LOG_ERR, "Unknown message: 00000020 0x00000028 0x00000300\n"}}));
+}
+
+TEST_F(Listener, MalformedDatagramsAreLoggedAndTheNextOneIsRead) {
+  const uint32_t reqid = open_tunnel(0x100);
+  Message claims_more = policy_event(19, 0, 0x31, 1, reqid);
+  claims_more[0] = 0xff;
+  claims_more[1] = 0x01;  // nlmsg_len 511 > what arrived
+  Message claims_less = policy_event(19, 0, 0x31, 1, reqid);
+  claims_less[0] = 15;
+  claims_less[1] = 0;
+  t.kernel.multicast(kGroupPolicy, Message{16, 0, 0, 0, 19, 0, 0, 0});
+  t.kernel.multicast(kGroupPolicy, claims_more);
+  t.kernel.multicast(kGroupPolicy, claims_less);
+  t.kernel.multicast(kGroupPolicy, policy_event(19, 0, 0x41, 1, reqid));
+  EXPECT_EQ(listen(), 0);
+  EXPECT_EQ(t.log.count("ERROR: NLMSG_OK failed!"), 3);
+  EXPECT_EQ(events->updates, (std::vector<RecordingPolicyEvents::Update>{{reqid, 0x41, 1}}));
+  EXPECT_FALSE(readable(monitor.get()));
+}
+
+TEST_F(Listener, OnlyTheFirstMessageOfADatagramCounts) {
+  const uint32_t reqid = open_tunnel(0x100);
+  Message two = policy_event(30, 0, 0, 0, std::nullopt);
+  const Message second = policy_event(19, 0, 0x51, 1, reqid);
+  two.insert(two.end(), second.begin(), second.end());
+  t.kernel.multicast(kGroupPolicy, two);
+  EXPECT_EQ(listen(), 0);
+  EXPECT_TRUE(t.log.has(LOG_DEBUG, "XFRM_MSG_NEWAE:"));
+  EXPECT_TRUE(events->updates.empty());
+}
+
+TEST_F(Listener, PoliciesWithoutUsableTemplateOrTunnelChangeNothing) {
+  open_tunnel(0x100);
+  Message short_template = policy_event(19, 0, 0x10, 1, 1);
+  short_template[16 + 192] = 4 + 40;  // the template ends before its request id
+  short_template.resize(16 + 192 + 44);
+  short_template[0] = static_cast<uint8_t>(short_template.size());
+  for (const Message& m : {policy_event(19, 0, 0x10, 1, std::nullopt), short_template}) {
+    t.log.clear();
+    EXPECT_EQ(kestrix_nlink_proc_policy(t.agent, ReceivedBytes(m.data(), m.size())), 1);
+    EXPECT_TRUE(t.log.has(LOG_ERR, "ERROR: requested rta not found: XFRMA_TMPL"));
+  }
+  const Message unknown = policy_event(19, 0, 0x10, 1, 77);
+  EXPECT_EQ(kestrix_nlink_proc_policy(t.agent, ReceivedBytes(unknown.data(), unknown.size())), 1);
+  EXPECT_TRUE(t.log.has(LOG_ERR, "reqid 77 not found"));
+  EXPECT_TRUE(t.log.has(LOG_ERR, " netlink process message error "));
+  const Message acquire = acquire_event(77);
+  EXPECT_EQ(kestrix_nlink_proc_policy(t.agent, ReceivedBytes(acquire.data(), acquire.size())), 1);
+  EXPECT_TRUE(t.log.has(LOG_ERR, "Wrong message, not a policy"));
+  EXPECT_TRUE(events->updates.empty());
+}
+
+TEST_F(Listener, DeletionsAndExpiriesAreReadFromTheirOwnBodies) {
+  const uint32_t reqid = open_tunnel(0x100);
+  Message del(64, 0);
+  del[56] = 0x29;  // index
+  del[60] = 1;     // dir
+  Message expire(200, 0);
+  expire[180] = 0x3a;
+  expire[184] = 2;
+  for (Message* body : {&del, &expire}) {
+    Message tmpl(64, 0);
+    tmpl[44] = static_cast<uint8_t>(reqid);
+    body->insert(body->end(), {68, 0, 5, 0});
+    body->insert(body->end(), tmpl.begin(), tmpl.end());
+  }
+  const Message del_msg = nl_message(20, 0, 0, 0, del);
+  const Message expire_msg = nl_message(27, 0, 0, 0, expire);
+  EXPECT_EQ(kestrix_nlink_proc_policy(t.agent, ReceivedBytes(del_msg.data(), del_msg.size())), 0);
+  EXPECT_EQ(kestrix_nlink_proc_policy(t.agent, ReceivedBytes(expire_msg.data(), expire_msg.size())), 0);
+  EXPECT_EQ(events->updates,
+            (std::vector<RecordingPolicyEvents::Update>{{reqid, 0x29, 1}, {reqid, 0x3a, 2}}));
+}
+
+TEST_F(Listener, AcquiresReachOnlySubscribersOfTheirGroupAndNotifyTheRp) {
+  const uint32_t reqid = open_tunnel(0x100);
+  ScopedFd both = t.kernel.monitor_socket(kGroupAcquire | kGroupPolicy);
+  t.kernel.multicast(kGroupAcquire, acquire_event(reqid));
+  EXPECT_EQ(kestrix_nlink_listener(t.agent, both.get()), 0);
+  EXPECT_FALSE(readable(monitor.get()));
+  EXPECT_EQ(events->notified, std::vector<uint32_t>{reqid});
+  EXPECT_EQ(events->acquired_proto, 50);
+  EXPECT_TRUE(t.log.has(LOG_DEBUG, "XFRM_MSG_ACQUIRE:"));
+  EXPECT_EQ(t.agent.counters.netlink_dbg_ctrs.n_notify_acquire_msg, 1u);
+
+  for (const Message& m : {acquire_event(std::nullopt), acquire_event(77)}) {
+    EXPECT_EQ(kestrix_nlink_proc_acquire(t.agent, ReceivedBytes(m.data(), m.size())), 1);
+  }
+  EXPECT_TRUE(t.log.has(LOG_ERR, "ERROR: requested rta not found: XFRMA_TMPL"));
+  EXPECT_TRUE(t.log.has(LOG_ERR, "Process an acquire notification ERROR"));
+  const Message policy = policy_event(19, 0, 1, 1, reqid);
+  EXPECT_EQ(kestrix_nlink_proc_acquire(t.agent, ReceivedBytes(policy.data(), policy.size())), 1);
+  EXPECT_TRUE(t.log.has(LOG_ERR, "Wrong msg, not acquire!"));
+  EXPECT_EQ(events->notified.size(), 1u);
+}
+
+TEST(ListenerSocket, EndOfFileAndHardErrorsEndTheCall) {
+  TestAgent t;
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);
+  ScopedFd mine(ends[0]);
+  close(ends[1]);
+  EXPECT_EQ(kestrix_nlink_listener(t.agent, mine.get()), 1);
+  EXPECT_TRUE(t.log.has(LOG_ERR, "netlink receive EOF! "));
+  EXPECT_EQ(kestrix_nlink_listener(t.agent, -1), 1);
+  EXPECT_TRUE(t.log.has(LOG_ERR, "netlink receive error Bad file descriptor (9)\n"));
+}
+
+TEST(PolicylessTunnels, EveryEventFindsNoPolicy) {
+  TestAgent t;
+  const kestrix_pal_initialize_start_req req{htonl(1), htonl(2), 0};
+  cdh_sadbhandle handle = 0;
+  t.agent.tunnels.create_alloc_sadbhdl(req, &handle);
+  t.log.clear();
+  KernelPolicyEvents& events = *t.agent.policy_events;
+  EXPECT_EQ(events.kestrix_policy_index_update(1, 0x19, 1), 1);
+  EXPECT_EQ(events.kestrix_policy_index_update(2, 0x1a, 2), 1);
+  const xfrm_user_acquire_64 acq{};
+  EXPECT_EQ(events.kestrix_notify_rp(&acq, 1), 1);
+  EXPECT_EQ(events.kestrix_notify_rp(nullptr, 1), 1);
+  EXPECT_EQ(t.log.lines(), (std::vector<LogLine>{{LOG_ERR, "no policy found for dir 1, index 0x19"},
+                                                 {LOG_ERR, "no ace found for dir 2, index 0x1a"},
+                                                 {LOG_ERR, "outbound action not found for notify rp"},
+                                                 {LOG_DEBUG, "Null acp"}}));
+  EXPECT_TRUE(t.take_sent().empty());
+}
+
+}  // namespace
+}  // namespace cpa::test
