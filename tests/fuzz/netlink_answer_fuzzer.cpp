@@ -1,0 +1,61 @@
+// Arbitrary answers from the kernel through the request/answer exchange: the
+// fuzzed datagram arrives first, then an acknowledgement of the request, so
+// that an answer taken for a late one never leaves the exchange waiting.
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "fakes/discarding_log.h"
+#include "fakes/fake_system.h"
+#include "kernel/netlink_transport.h"
+
+namespace {
+
+struct Fixture {
+  Fixture() : nl(names) {
+    int ends[2];
+    socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends);
+    nl.attach(cpa::ScopedFd(ends[0]));
+    kernel.reset(ends[1]);
+  }
+  // Reads and drops what is waiting on `fd`.
+  static void drain(int fd) {
+    uint8_t scrap[8192];
+    while (recv(fd, scrap, sizeof scrap, MSG_DONTWAIT) > 0) {
+    }
+  }
+  cpa::test::DiscardingLog log;
+  cpa::test::FakeInterfaceIndex names;
+  cpa::NetlinkTransport nl;
+  cpa::ScopedFd kernel;
+};
+
+std::vector<uint8_t> ack(uint32_t seq) {
+  std::vector<uint8_t> m(36, 0);
+  const uint32_t len = 36, pid = static_cast<uint32_t>(getpid());
+  const uint16_t type = 2;
+  std::memcpy(&m[0], &len, 4);
+  std::memcpy(&m[4], &type, 2);
+  std::memcpy(&m[8], &seq, 4);
+  std::memcpy(&m[12], &pid, 4);
+  return m;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Fixture* f = new Fixture;
+  if (size == 0 || size > cpa::kNetBufSize) return -1;  // a netlink answer is never empty
+  const std::vector<uint8_t> last = ack(f->nl.g_seq());
+  send(f->kernel.get(), data, size, 0);
+  send(f->kernel.get(), last.data(), last.size(), 0);
+  std::vector<uint8_t> request(16, 0);  // a bare header is request enough here
+  request[0] = 16;
+  cpa::net_buf answer{};
+  f->nl.kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size());
+  Fixture::drain(f->nl.nlsock_fd());
+  Fixture::drain(f->kernel.get());
+  return 0;
+}
