@@ -192,13 +192,15 @@ class RpClient:
 class Agent:
     """The real ipsec_cpa in a fresh network namespace, with its syslog."""
 
-    def __init__(self, *args, wait_ready=True):
+    def __init__(self, *args, wait_ready=True, env=None):
+        """`env`: variables added to the agent's environment."""
         _fresh_network_namespace()
         self.syslog = SyslogCapture()
         self.stdout_path = f"{SCRATCH}/agent-{time.monotonic_ns()}.out"
         self.stderr_path = self.stdout_path + ".err"
         with open(self.stdout_path, "wb") as out, open(self.stderr_path, "wb") as err:
-            self.proc = subprocess.Popen([BINARY, *args], stdout=out, stderr=err)
+            self.proc = subprocess.Popen([BINARY, *args], stdout=out, stderr=err,
+                                         env={**os.environ, **(env or {})})
         if wait_ready and not self.wait_log("Starting thread 1\n", timeout=10):
             raise AssertionError(f"agent did not come up: {self.syslog.lines()}")
 
@@ -255,8 +257,8 @@ class AgentTestCase(unittest.TestCase):
         self._agents = []
         self._rps = []
 
-    def start_agent(self, *args, expect_running=True, wait_ready=True):
-        agent = Agent(*args, wait_ready=wait_ready)
+    def start_agent(self, *args, expect_running=True, wait_ready=True, env=None):
+        agent = Agent(*args, wait_ready=wait_ready, env=env)
         self._agents.append((agent, expect_running))
         self.addCleanup(self._stop, agent, expect_running)
         return agent

@@ -1,0 +1,93 @@
+"""The fake platform kernel served to the real agent (tests/tools/
+fake_xfrm_kernel_server), and the kernel messages the tests multicast
+through it, built field by field from their offsets (host byte order)."""
+
+import os
+import struct
+import subprocess
+import threading
+import time
+
+from sandbox import BINARY, SCRATCH
+
+SERVER = os.environ.get("CPA_FAKE_KERNEL_SERVER",
+                        os.path.join(os.path.dirname(BINARY), "fake_xfrm_kernel_server"))
+
+GROUP_ACQUIRE, GROUP_POLICY = 1, 8
+
+
+def nlmsg(msg_type, payload=b"", pid=0, flags=0, seq=0):
+    return struct.pack("<IHHII", 16 + len(payload), msg_type, flags, seq, pid) + payload
+
+
+def template(reqid):
+    """An XFRMA_TMPL attribute: ESP, AF_INET, the tunnel's request id."""
+    tmpl = bytearray(64)
+    tmpl[20] = 50
+    struct.pack_into("<H", tmpl, 24, 2)
+    struct.pack_into("<I", tmpl, 44, reqid)
+    return struct.pack("<HH", 68, 5) + bytes(tmpl)
+
+
+def acquire(reqid=None):
+    body = bytearray(304)
+    body[20] = 50
+    body[96 + 184] = 1  # the policy's direction: out
+    return nlmsg(23, bytes(body) + (template(reqid) if reqid is not None else b""))
+
+
+class FakeKernel:
+    """One fake kernel server; the agent reaches it through env()."""
+
+    def __init__(self):
+        self.path = f"{SCRATCH}/xfrm-{time.monotonic_ns()}.sock"
+        self.proc = subprocess.Popen([SERVER, self.path], stdin=subprocess.PIPE,
+                                     stdout=subprocess.PIPE, text=True, bufsize=1)
+        self.lines = []
+        self.sent = 0
+        self.cond = threading.Condition()
+        self.thread = threading.Thread(target=self._read, daemon=True)
+        self.thread.start()
+        if not self.wait_line("ready"):
+            raise AssertionError("fake kernel server did not start")
+
+    def _read(self):
+        for line in self.proc.stdout:
+            with self.cond:
+                self.lines.append(line.rstrip("\n"))
+                self.cond.notify_all()
+
+    def env(self):
+        return {"CPA_FAKE_XFRM_KERNEL": self.path}
+
+    def wait_line(self, text, timeout=5.0, count=1):
+        return self._wait(lambda: self.lines.count(text) >= count, timeout)
+
+    def _wait(self, done, timeout):
+        deadline = time.monotonic() + timeout
+        with self.cond:
+            while not done():
+                left = deadline - time.monotonic()
+                if left <= 0:
+                    return False
+                self.cond.wait(left)
+            return True
+
+    def command(self, line):
+        """Runs one server command; True when the server took it."""
+        self.proc.stdin.write(line + "\n")
+        self.proc.stdin.flush()
+        self.sent += 1
+        answered = lambda: sum(l in ("ok", "bad command") for l in self.lines) >= self.sent
+        if not self._wait(answered, 5.0):
+            raise AssertionError(f"fake kernel did not answer {line!r}")
+        return [l for l in self.lines if l in ("ok", "bad command")][self.sent - 1] == "ok"
+
+    def multicast(self, groups, message):
+        return self.command(f"raw {groups} {message.hex()}")
+
+    def close(self):
+        self.proc.stdin.close()
+        self.proc.wait(timeout=5)
+        self.thread.join()
+        self.proc.stdout.close()
