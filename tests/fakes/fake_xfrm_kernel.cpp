@@ -457,8 +457,8 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::answer(const Message& request) {
     scripts_.pop_front();
   }
   Outcome out;
-  if (script && script->raw)
-    out.answers.push_back(*script->raw);
+  if (script && !script->raw.empty())
+    out.answers.push_back(script->raw);
   else if (script && script->error)
     out.answers.push_back(error_answer(request, script->error, agent_pid_));
   else

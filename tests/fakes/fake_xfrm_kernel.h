@@ -62,7 +62,7 @@ struct ScriptedAnswer {
   }
 
   int error = 0;                   // refuse with this errno, tables untouched
-  std::optional<Message> raw;      // send these bytes as the only answer, tables untouched
+  Message raw;                     // unless empty: the only answer, tables untouched
   bool late_answer_first = false;  // first an acknowledgement of the previous sequence number
   uint32_t seq_offset = 0;         // added to the answer's sequence number
   std::optional<uint32_t> pid;     // the answer's port id instead of the requester's
