@@ -6,7 +6,9 @@
 
 #include "ceal/ceal_dispatcher.h"
 #include "diag/log.h"
+#include "pal/intf_attach.h"
 #include "pal/pal_request.h"
+#include "pal/peer_requests.h"
 #include "pal/pending_requests.h"
 #include "pal/sadb_requests.h"
 #include "wire/byte_order.h"
@@ -35,6 +37,14 @@ ce_status_t init_start(Agent& agent, const PalRequest& request, kestrix_pal_resp
   const ce_status_t status = kestrix_proc_init_start_req(
       agent, request.body.read_padded<kestrix_pal_initialize_start_req>(0), &handle);
   record.with_handle.handle = handle;
+  return status;
+}
+
+ce_status_t peer_insert(Agent& agent, const PalRequest& request, kestrix_pal_resp_t& record) {
+  uint32_t peer_handle = 0;
+  const ce_status_t status = kestrix_proc_peer_insert_req(
+      agent, request.body.read_padded<kestrix_pal_insert_peer_req>(0), &peer_handle);
+  record.with_handle.handle = peer_handle;
   return status;
 }
 
@@ -90,15 +100,16 @@ const PalCommandEntry kPalCommands[] = {
     /* 4 */ {plain<kestrix_pal_update_sadb_req, kestrix_proc_sadb_attr_update>,
              &C::p_attr_update_req, " KESTRIX_PAL_SADB_ATTR_UPDATE req status %d", LOG_DEBUG, false,
              false},
-    /* 5 */ {not_yet, nullptr, " KESTRIX_PAL_SADB_INTF_ATTACH req status %d", LOG_DEBUG, true, false},
+    /* 5 */ {plain<kestrix_pal_attach_sadb_req, kestrix_proc_sadb_intf_att>, nullptr,
+             " KESTRIX_PAL_SADB_INTF_ATTACH req status %d", LOG_DEBUG, true, false},
     /* 6 */ kNoHandler,
     /* 7 */ kNoHandler,
     /* 8 */ kNoHandler,
     /* 9 */ {not_yet, nullptr, "acl_Modify resp status %d", LOG_DEBUG, true, false},
     /* 10 */ kNoHandler,
-    /* 11 */ {not_yet, &C::p_peer_insert_req, nullptr, 0, false, true},
-    /* 12 */ {not_yet, &C::p_peer_delete_req, "KESTRIX_PAL_PEER_DELETE req status %d", LOG_DEBUG,
-              false, false},
+    /* 11 */ {peer_insert, &C::p_peer_insert_req, nullptr, 0, false, true},
+    /* 12 */ {plain<kestrix_pal_delete_peer_req, kestrix_proc_peer_del_req>, &C::p_peer_delete_req,
+              "KESTRIX_PAL_PEER_DELETE req status %d", LOG_DEBUG, false, false},
     /* 13 */ {not_yet, &C::p_spi_insert_req, "KESTRIX_PAL_SPI_INSERT req status %d", LOG_DEBUG, false,
               true},
     /* 14 */ {not_yet, &C::p_spi_delete_req, nullptr, 0, false, false},
