@@ -20,7 +20,8 @@ ce_status_t attach(Agent& agent, const kestrix_pal_attach_sadb_req& req) {
   ce_status_t status = agent.tunnels.sadb_lookup(sadb, &slot);
   if (status == CRYPTO_NO_ERR) {
     if (agent.tunnels.at(slot)->tunnelid == tunnel_id)
-      cpa_log(LOG_INFO, "Duplicate tunnel ID %dSADB handle [%d] status sent- success", tunnel_id, sadb);
+      cpa_log(LOG_INFO, "Duplicate tunnel ID %dSADB handle [%d] status sent- success", tunnel_id,
+              sadb);
     else
       status = kestrix_intf_svti_create_attach(agent, req, slot);
   }
@@ -44,8 +45,8 @@ ce_status_t detach(Agent& agent, const kestrix_pal_attach_sadb_req& req) {
 
 // A body cut short by the end of the datagram is answered like one whose
 // callback handle is zero.
-ce_status_t kestrix_proc_sadb_intf_att(Agent& agent,
-                                       const RequestBody<kestrix_pal_attach_sadb_req>& sadb_att_req) {
+ce_status_t kestrix_proc_sadb_intf_att(
+    Agent& agent, const RequestBody<kestrix_pal_attach_sadb_req>& sadb_att_req) {
   const auto& req = sadb_att_req.value;
   if (!sadb_att_req.complete || req.callback_handle == 0) {
     cpa_log(LOG_ERR, " isadb attribute request null ");
@@ -61,7 +62,8 @@ ce_status_t kestrix_proc_sadb_intf_att(Agent& agent,
   return status;
 }
 
-ce_status_t kestrix_intf_svti_create_attach(Agent& agent, const kestrix_pal_attach_sadb_req& sadb_att_req,
+ce_status_t kestrix_intf_svti_create_attach(Agent& agent,
+                                            const kestrix_pal_attach_sadb_req& sadb_att_req,
                                             uint32_t index) {
   cpa_interface_t* entry = agent.tunnels.at(index);
   if (!entry) {

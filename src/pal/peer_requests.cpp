@@ -24,21 +24,22 @@ cdh_peer_parameters peer_params(const kestrix_pal_peer_params_wire& params) {
 }
 
 void log_peer_params(const cdh_peer_parameters& p) {
-  cpa_log(LOG_DEBUG,
-          " do_idle_timer %d, idle_timer_setting %u, idle_timer_handle %x, do_dpd %d, dpd_threshold %u "
-          "\n dpd_hdl %x, do_trnslation %u, inside_remort_port %u, outside_remote_port %u ",
-          p.do_idle_timer, p.idle_timer_setting, p.idle_timer_handle, p.do_dpd, p.dpd_threshold,
-          p.dpd_handle, static_cast<unsigned>(p.do_translation), p.inside_remote_port,
-          p.outside_remote_port);
+  cpa_log(
+      LOG_DEBUG,
+      " do_idle_timer %d, idle_timer_setting %u, idle_timer_handle %x, do_dpd %d, dpd_threshold %u "
+      "\n dpd_hdl %x, do_trnslation %u, inside_remort_port %u, outside_remote_port %u ",
+      p.do_idle_timer, p.idle_timer_setting, p.idle_timer_handle, p.do_dpd, p.dpd_threshold,
+      p.dpd_handle, static_cast<unsigned>(p.do_translation), p.inside_remote_port,
+      p.outside_remote_port);
 }
 
 }  // namespace
 
 // A body cut short by the end of the datagram is answered like one whose
 // handles are zero.
-ce_status_t kestrix_proc_peer_insert_req(Agent& agent,
-                                         const RequestBody<kestrix_pal_insert_peer_req>& ins_peer_req,
-                                         uint32_t* prhandle) {
+ce_status_t kestrix_proc_peer_insert_req(
+    Agent& agent, const RequestBody<kestrix_pal_insert_peer_req>& ins_peer_req,
+    uint32_t* prhandle) {
   const auto& req = ins_peer_req.value;
   if (!ins_peer_req.complete || req.callback_handle == 0 || req.create_handle == 0 ||
       req.sadbhandle == 0) {
@@ -64,8 +65,8 @@ ce_status_t kestrix_proc_peer_insert_req(Agent& agent,
   return status;
 }
 
-ce_status_t kestrix_peer_create_new(Agent& agent, const kestrix_pal_insert_peer_req& req, uint32_t index,
-                                    uint32_t* phdl) {
+ce_status_t kestrix_peer_create_new(Agent& agent, const kestrix_pal_insert_peer_req& req,
+                                    uint32_t index, uint32_t* phdl) {
   cpa_interface_t* tunnel = agent.tunnels.at(index);
   if (!tunnel) {
     cpa_log(LOG_ERR, "invalid index");
@@ -80,7 +81,8 @@ ce_status_t kestrix_peer_create_new(Agent& agent, const kestrix_pal_insert_peer_
   // A tunnel has one peer: a new one replaces the earlier record rather
   // than leave it holding a slot nothing refers to any more.
   agent.peers.release_peer_of(*tunnel);
-  const std::optional<uint32_t> slot = agent.peers.store(std::make_unique<cdh_peer_parameters>(peer_params(req.params)));
+  const std::optional<uint32_t> slot =
+      agent.peers.store(std::make_unique<cdh_peer_parameters>(peer_params(req.params)));
   if (!slot) {
     cpa_log(LOG_ERR, "invalid CPA MAX peers ");
     return CRYPTO_ERR_RESOURCES;
@@ -93,7 +95,8 @@ ce_status_t kestrix_peer_create_new(Agent& agent, const kestrix_pal_insert_peer_
 
 // A body cut short by the end of the datagram is answered like one whose
 // handles are zero.
-ce_status_t kestrix_proc_peer_del_req(Agent& agent, const RequestBody<kestrix_pal_delete_peer_req>& req) {
+ce_status_t kestrix_proc_peer_del_req(Agent& agent,
+                                      const RequestBody<kestrix_pal_delete_peer_req>& req) {
   const auto& del = req.value;
   if (!req.complete || del.callback_handle == 0 || del.sadbhandle == 0) {
     cpa_log(LOG_ERR, "Invalid handle");

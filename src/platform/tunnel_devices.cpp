@@ -62,7 +62,8 @@ int tun_set_persist(NetDeviceSysCalls& sys, const char* ifname, bool persist) {
   ifreq ifr = named_ifreq(ifname);
   ifr.ifr_flags = IFF_TUN | IFF_NO_PI;
   if (const SysCallResult r = sys.ioctl(tun.get(), TUNSETIFF, &ifr); r.rc < 0) return r.error;
-  const SysCallResult r = sys.ioctl(tun.get(), TUNSETPERSIST, reinterpret_cast<void*>(uintptr_t{persist}));
+  const SysCallResult r =
+      sys.ioctl(tun.get(), TUNSETPERSIST, reinterpret_cast<void*>(uintptr_t{persist}));
   return r.rc < 0 ? r.error : 0;
 }
 

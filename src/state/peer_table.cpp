@@ -13,7 +13,8 @@ std::optional<uint32_t> PeerTable::store(std::unique_ptr<cdh_peer_parameters> re
 }
 
 void PeerTable::release_peer_of(cpa_interface_t& tunnel) {
-  if (tunnel.peer_index >= 0 && tunnel.peer_index < kSlots) cpa_peer_params[tunnel.peer_index].reset();
+  if (tunnel.peer_index >= 0 && tunnel.peer_index < kSlots)
+    cpa_peer_params[tunnel.peer_index].reset();
   tunnel.peer_index = -1;
   tunnel.peer_handle = 0;
 }

@@ -14,7 +14,9 @@ namespace {
 SysCallResult ok(int rc = 0) { return {rc, 0}; }
 SysCallResult failed(int error) { return {-1, error}; }
 
-std::string name_of(const char* field, size_t size) { return std::string(field, strnlen(field, size)); }
+std::string name_of(const char* field, size_t size) {
+  return std::string(field, strnlen(field, size));
+}
 
 }  // namespace
 
@@ -123,7 +125,9 @@ FakeNetDevices::Device& FakeNetDevices::create(const std::string& name, bool tun
   return dev;
 }
 
-void FakeNetDevices::add_device(const std::string& name, bool tun) { create(name, tun).persistent = tun; }
+void FakeNetDevices::add_device(const std::string& name, bool tun) {
+  create(name, tun).persistent = tun;
+}
 
 const FakeNetDevices::Device* FakeNetDevices::device(const std::string& name) const {
   auto it = devices_.find(name);
