@@ -49,6 +49,13 @@ ip_tunnel_parm tunnel_parm(const char* name, uint8_t protocol) {
   return parm;
 }
 
+// The socket the device ioctls go through; a failure to open it is logged.
+SysCallFd ioctl_socket(NetDeviceSysCalls& sys) {
+  const SysCallResult opened = sys.socket(AF_INET, SOCK_DGRAM, 0);
+  if (opened.rc < 0) cpa_log(LOG_ERR, "socket failed: %s", std::strerror(opened.error));
+  return SysCallFd(sys, opened);
+}
+
 void print_ioctl_error(int error) { std::fprintf(stderr, "ioctl: %s\n", std::strerror(error)); }
 
 // ---- the stand-in: a persistent tun device of the tunnel's name ----------
@@ -138,11 +145,8 @@ int kestrix_ifname_to_tunid(const char* ifname) {
 
 int svti_add(NetDeviceSysCalls& sys, const char* ifname) {
   if (!name_fits(ifname)) return 1;
-  SysCallFd s(sys, sys.socket(AF_INET, SOCK_DGRAM, 0));
-  if (!s.valid()) {
-    cpa_log(LOG_ERR, "socket failed: %s", std::strerror(s.error()));
-    return 1;
-  }
+  const SysCallFd s = ioctl_socket(sys);
+  if (!s.valid()) return 1;
   // A stale device is replaced once; should the new one collide again,
   // something else keeps creating it and the attach fails.
   for (bool replaced = false;; replaced = true) {
@@ -163,11 +167,8 @@ int svti_add(NetDeviceSysCalls& sys, const char* ifname) {
 
 int svti_del(NetDeviceSysCalls& sys, const char* ifname) {
   if (!name_fits(ifname)) return 1;
-  SysCallFd s(sys, sys.socket(AF_INET, SOCK_DGRAM, 0));
-  if (!s.valid()) {
-    cpa_log(LOG_ERR, "socket failed: %s", std::strerror(s.error()));
-    return 1;
-  }
+  const SysCallFd s = ioctl_socket(sys);
+  if (!s.valid()) return 1;
   const int error = delete_tunnel(sys, s.get(), ifname);
   if (error == 0) return 0;
   cpa_log(LOG_ERR, "ioctl: failed");
