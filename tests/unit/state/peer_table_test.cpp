@@ -27,13 +27,5 @@ TEST(PeerTable, TakesTheLowestEmptySlotFromZeroUntilFull) {
   EXPECT_EQ(peers.at(PeerTable::kSlots), nullptr);
 }
 
-TEST(PeerTable, ReleasingForAPeerlessTunnelTouchesNoSlot) {
-  PeerTable peers;
-  peers.store(record());
-  cpa_interface_t peerless;
-  peers.release_peer_of(peerless);
-  EXPECT_NE(peers.at(0), nullptr);
-}
-
 }  // namespace
 }  // namespace cpa
