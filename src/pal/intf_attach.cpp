@@ -56,10 +56,8 @@ ce_status_t kestrix_proc_sadb_intf_att(
   const uint32_t sadb = ntohl(req.sadbhandle);
   cpa_log(LOG_DEBUG, "\ncall handle %x, sadbhdl %x, tunnel_id %d, is_v6 %d", callback, sadb,
           ntohl(req.tunnel_id), ntohl(req.is_v6));
-  agent.trace.pal_cmd_print(KESTRIX_PAL_SADB_INTF_ATTACH, callback, sadb, 0, 0);
-  const ce_status_t status = sadb != 0 ? attach(agent, req) : detach(agent, req);
-  agent.trace.pal_cmd_print(KESTRIX_PAL_SADB_INTF_ATTACH, callback, sadb, 1, status);
-  return status;
+  return agent.trace.traced(KESTRIX_PAL_SADB_INTF_ATTACH, callback, sadb,
+                            [&] { return sadb != 0 ? attach(agent, req) : detach(agent, req); });
 }
 
 ce_status_t kestrix_intf_svti_create_attach(Agent& agent,

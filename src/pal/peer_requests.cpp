@@ -46,23 +46,21 @@ ce_status_t kestrix_proc_peer_insert_req(
     cpa_log(LOG_ERR, "Null callack handle or create handle or peer request sadb handle");
     return CRYPTO_ERR_INVALID;
   }
-  const uint32_t callback = ntohl(req.callback_handle);
-  const uint32_t create = ntohl(req.create_handle);
-  agent.trace.pal_cmd_print(KESTRIX_PAL_PEER_INSERT, callback, create, 0, 0);
-  log_peer_params(peer_params(req.params));
-  uint32_t slot = 0;
-  ce_status_t status = agent.tunnels.sadb_lookup(ntohl(req.sadbhandle), &slot);
-  if (status == CRYPTO_NO_ERR) {
+  const auto work = [&] {
+    log_peer_params(peer_params(req.params));
+    uint32_t slot = 0;
+    const ce_status_t found = agent.tunnels.sadb_lookup(ntohl(req.sadbhandle), &slot);
+    if (found != CRYPTO_NO_ERR) return found;
     cpa_interface_t& tunnel = *agent.tunnels.at(slot);
     // The same peer again: its record is made anew from this request.
     if (tunnel.peer_handle != 0 && tunnel.peer_handle == ntohl(req.peer_handle)) {
       cpa_log(LOG_DEBUG, "Deleting an existing peer idx %d", tunnel.peer_index);
       agent.peers.release_peer_of(tunnel);
     }
-    status = kestrix_peer_create_new(agent, req, slot, prhandle);
-  }
-  agent.trace.pal_cmd_print(KESTRIX_PAL_PEER_INSERT, callback, create, 1, status);
-  return status;
+    return kestrix_peer_create_new(agent, req, slot, prhandle);
+  };
+  return agent.trace.traced(KESTRIX_PAL_PEER_INSERT, ntohl(req.callback_handle),
+                            ntohl(req.create_handle), work);
 }
 
 ce_status_t kestrix_peer_create_new(Agent& agent, const kestrix_pal_insert_peer_req& req,
@@ -102,22 +100,21 @@ ce_status_t kestrix_proc_peer_del_req(Agent& agent,
     cpa_log(LOG_ERR, "Invalid handle");
     return CRYPTO_ERR_INVALID;
   }
-  const uint32_t callback = ntohl(del.callback_handle);
   const uint32_t sadb = ntohl(del.sadbhandle);
-  agent.trace.pal_cmd_print(KESTRIX_PAL_PEER_DELETE, callback, sadb, 0, 0);
-  uint32_t slot = 0;
-  if (agent.tunnels.sadb_lookup(sadb, &slot) == CRYPTO_NO_ERR) {
-    cpa_interface_t& tunnel = *agent.tunnels.at(slot);
-    if (tunnel.peer_handle == 0) {
-      cpa_log(LOG_DEBUG, "Duplicate PEER_DELETE");
-    } else if (tunnel.peer_handle == ntohl(del.peer_handle)) {
-      agent.peers.release_peer_of(tunnel);
-      cpa_log(LOG_DEBUG, "PEER DEL success!");
+  return agent.trace.traced(KESTRIX_PAL_PEER_DELETE, ntohl(del.callback_handle), sadb, [&] {
+    uint32_t slot = 0;
+    if (agent.tunnels.sadb_lookup(sadb, &slot) == CRYPTO_NO_ERR) {
+      cpa_interface_t& tunnel = *agent.tunnels.at(slot);
+      if (tunnel.peer_handle == 0) {
+        cpa_log(LOG_DEBUG, "Duplicate PEER_DELETE");
+      } else if (tunnel.peer_handle == ntohl(del.peer_handle)) {
+        agent.peers.release_peer_of(tunnel);
+        cpa_log(LOG_DEBUG, "PEER DEL success!");
+      }
     }
-  }
-  // An unknown tunnel or peer is gone already: the delete succeeds.
-  agent.trace.pal_cmd_print(KESTRIX_PAL_PEER_DELETE, callback, sadb, 1, CRYPTO_NO_ERR);
-  return CRYPTO_NO_ERR;
+    // An unknown tunnel or peer is gone already: the delete succeeds.
+    return CRYPTO_NO_ERR;
+  });
 }
 
 }  // namespace cpa
