@@ -12,6 +12,7 @@
 #include "kernel/policy_events.h"
 #include "pal/rp_link.h"
 #include "platform/system_ports.h"
+#include "state/peer_table.h"
 #include "state/tunnel_table.h"
 
 namespace cpa {
@@ -25,12 +26,12 @@ struct AgentSeams {
   Clock& clock;
   CommandRunner& commands;
   RpOutbox& rp;
-  InterfaceIndex& ifindex;
+  NetDeviceSysCalls& devices;
 };
 
 struct Agent {
   Agent(AgentSettings s, AgentSeams seams)
-      : settings(s), sys(seams), trace(seams.clock), nlink(seams.ifindex) {}
+      : settings(s), sys(seams), trace(seams.clock), nlink(seams.devices) {}
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
@@ -40,6 +41,7 @@ struct Agent {
   ThreadShared shared;
   CommandTrace trace;
   TunnelTable tunnels;
+  PeerTable peers;
   NetlinkTransport nlink;  // kernel requests; its socket is attached at start-up
   std::unique_ptr<KernelPolicyEvents> policy_events = std::make_unique<PolicylessTunnels>(tunnels);
 };

@@ -163,6 +163,8 @@ int run_agent(int argc, char* argv[]) {
   open_agent_syslog();
   kestrix_reg_sighdlr();
   const std::optional<Options> opts = parse_options(argc, argv, stdout);
+  // The option messages must reach a redirected stdout before the daemon settles.
+  std::fflush(stdout);
   if (!opts) return 0;
   if (opts->filter_log) setlogmask(LOG_UPTO(opts->log_severity));
   cpa_log(LOG_INFO, "THIS IS THE START POINT");
@@ -180,11 +182,11 @@ int run_agent(int argc, char* argv[]) {
 
   SystemClock clock;
   ShellCommandRunner commands;
-  SystemInterfaceIndex ifindex;
   RpLink rp(sockets.g_sd.get());
+  KernelNetDeviceSysCalls devices;
   FastPathStats fastpath;
   fastpath.kestrix_stats_sharedmem_init();
-  Agent agent(opts->settings, AgentSeams{clock, commands, rp, ifindex});
+  Agent agent(opts->settings, AgentSeams{clock, commands, rp, devices});
   agent.nlink.attach(std::move(sockets.nlsock_fd));
   agent.tunnels.init_sadb();
   bind_display_flag(&agent.shared.g_display_ctr);

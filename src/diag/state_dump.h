@@ -1,12 +1,16 @@
 // The state dump: every tunnel and what it holds, written to syslog.
 #pragma once
 
+#include "state/peer_table.h"
 #include "state/tunnel_table.h"
 
 namespace cpa {
 
 // Dumps one tunnel; `i` is the running number of the dump.
 void kestrix_dump_cpa_intf(const cpa_interface_t* cpa_elem, int i);
+
+// Dumps one peer record; not part of the tunnel dump.
+void kestrix_dump_cpa_peer_params(const cdh_peer_parameters* peer);
 
 // Dumps every tunnel of the table, numbered from 0.
 void kestrix_dump_all_tunnels(const TunnelTable& tunnels);

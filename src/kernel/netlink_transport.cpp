@@ -1,9 +1,12 @@
 #include "kernel/netlink_transport.h"
 
 #include <linux/netlink.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -29,8 +32,8 @@ bool header_fits(uint32_t nlmsg_len, size_t available) {
 
 }  // namespace
 
-NetlinkTransport::NetlinkTransport(InterfaceIndex& names)
-    : names_(names), port_id_(static_cast<uint32_t>(getpid())) {}
+NetlinkTransport::NetlinkTransport(NetDeviceSysCalls& devices)
+    : devices_(devices), port_id_(static_cast<uint32_t>(getpid())) {}
 
 int NetlinkTransport::kestrix_nlink_send(uint8_t* buf, size_t len, uint8_t* answer,
                                          size_t recvsize) {
@@ -154,7 +157,12 @@ void count_outcome(cpa_netlink_ctr_t* ctr, int result) {
 unsigned NetlinkTransport::get_svtiindex(uint32_t tunnelid) {
   char name[128] = {};
   std::snprintf(name, sizeof name - 1, "svti%d", static_cast<int>(tunnelid));
-  return names_.index_of(name);
+  // What if_nametoindex does, through the device seam.
+  SysCallFd s(devices_, devices_.socket(AF_INET, SOCK_DGRAM, 0));
+  if (!s.valid()) return 0;
+  ifreq ifr{};
+  std::memcpy(ifr.ifr_name, name, std::min(std::strlen(name), sizeof ifr.ifr_name - 1));
+  return devices_.ioctl(s.get(), SIOCGIFINDEX, &ifr).rc < 0 ? 0 : static_cast<unsigned>(ifr.ifr_ifindex);
 }
 
 int add_nl_attr(uint8_t* nlh, uint16_t atype, size_t buflen, const void* attrdata, size_t alen) {

@@ -22,7 +22,7 @@ using net_buf = std::array<uint8_t, kNetBufSize>;
 
 class NetlinkTransport {
  public:
-  explicit NetlinkTransport(InterfaceIndex& names);
+  explicit NetlinkTransport(NetDeviceSysCalls& devices);
   NetlinkTransport(const NetlinkTransport&) = delete;
   NetlinkTransport& operator=(const NetlinkTransport&) = delete;
 
@@ -60,7 +60,7 @@ class NetlinkTransport {
   Answer check_answer(ReceivedBytes got, uint32_t seq);
   int answer_status(ReceivedBytes got);
 
-  InterfaceIndex& names_;
+  NetDeviceSysCalls& devices_;
   ScopedFd nlsock_fd_;
   uint32_t g_seq_ = 1;
   uint32_t port_id_;

@@ -1,10 +1,8 @@
 // Fakes of the system seams: a clock that moves only when told, a shell that
-// records commands, an RP that records every datagram sent to it, and
-// network devices that exist only when a test names them.
+// records commands, and an RP that records every datagram sent to it.
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -42,15 +40,6 @@ class RecordingOutbox final : public RpOutbox {
   }
   std::vector<std::vector<uint8_t>> sent;
   bool fail_sends = false;
-};
-
-class FakeInterfaceIndex final : public InterfaceIndex {
- public:
-  unsigned index_of(const char* name) override {
-    auto it = devices.find(name);
-    return it == devices.end() ? 0 : it->second;
-  }
-  std::map<std::string, unsigned> devices;
 };
 
 }  // namespace cpa::test

@@ -7,14 +7,14 @@
 #include <cstring>
 #include <vector>
 
-#include "fakes/discarding_log.h"
-#include "fakes/fake_system.h"
+#include "fakes/null_log.h"
+#include "fakes/fake_net_devices.h"
 #include "kernel/netlink_transport.h"
 
 namespace {
 
 struct Fixture {
-  Fixture() : nl(names) {
+  Fixture() : nl(devices) {
     int ends[2];
     socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends);
     nl.attach(cpa::ScopedFd(ends[0]));
@@ -26,8 +26,8 @@ struct Fixture {
     while (recv(fd, scrap, sizeof scrap, MSG_DONTWAIT) > 0) {
     }
   }
-  cpa::test::DiscardingLog log;
-  cpa::test::FakeInterfaceIndex names;
+  cpa::test::NullLog log;
+  cpa::test::FakeNetDevices devices;
   cpa::NetlinkTransport nl;
   cpa::ScopedFd kernel;
 };

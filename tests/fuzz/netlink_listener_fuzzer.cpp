@@ -6,25 +6,26 @@
 #include <vector>
 
 #include "daemon/agent.h"
-#include "fakes/discarding_log.h"
+#include "fakes/null_log.h"
+#include "fakes/fake_net_devices.h"
 #include "fakes/fake_system.h"
 #include "kernel/netlink_listener.h"
 
 namespace {
 
 struct Fixture {
-  Fixture() : agent({}, cpa::AgentSeams{clock, commands, rp, ifindex}) {
+  Fixture() : agent({}, cpa::AgentSeams{clock, commands, rp, devices}) {
     for (uint32_t create = 1; create <= 2; ++create) {
       const cpa::kestrix_pal_initialize_start_req req{htonl(1), htonl(create), 0};
       cpa::cdh_sadbhandle handle;
       agent.tunnels.create_alloc_sadbhdl(req, &handle);
     }
   }
-  cpa::test::DiscardingLog log;
+  cpa::test::NullLog log;
   cpa::test::FakeClock clock;
   cpa::test::FakeCommandRunner commands;
   cpa::test::RecordingOutbox rp;
-  cpa::test::FakeInterfaceIndex ifindex;
+  cpa::test::FakeNetDevices devices;
   cpa::Agent agent;
 };
 

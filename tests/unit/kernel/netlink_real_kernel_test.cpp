@@ -54,8 +54,8 @@ TEST(RealKernel, SocketsBindAndAbsentObjectsComeBackWithTheKernelsErrors) {
     EXPECT_FALSE(kestrix_nlink_socket_create(0x20).valid());
     EXPECT_TRUE(log.has(LOG_ERR, "Cannot create socket with wrong N/L group"));
 
-    SystemInterfaceIndex names;
-    NetlinkTransport nl(names);
+    KernelNetDeviceSysCalls devices;
+    NetlinkTransport nl(devices);
     nl.attach(std::move(request));
     XfrmPolicyArgs policy;
     policy.dst = 0x0a000002;

@@ -50,7 +50,7 @@ TEST_F(Transport, AcknowledgementAcceptsAndRefusalSetsErrnoAndLogsKernelText) {
 }
 
 TEST_F(Transport, EveryAttemptTakesASequenceNumberAndTheRequestCarriesIt) {
-  NetlinkTransport detached(t.ifindex);
+  NetlinkTransport detached(t.devices);
   Message request = policy_get();
   EXPECT_EQ(detached.kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size()), 1);
   EXPECT_TRUE(t.log.has(LOG_ERR, "Cannot send, N/L socket fd is invalid!"));
@@ -112,11 +112,11 @@ TEST_F(Transport, AGetAnsweredByTheObjectLeavesItInTheAnswer) {
 
 TEST(TransportSocket, SendAndReceiveFailuresAreReported) {
   LogCapture log;
-  FakeInterfaceIndex names;
+  FakeNetDevices devices;
   net_buf answer{};
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);
-  NetlinkTransport nl(names);
+  NetlinkTransport nl(devices);
   nl.attach(ScopedFd(ends[0]));
   ScopedFd kernel(ends[1]);
   Message request = policy_get();
@@ -170,12 +170,17 @@ TEST(Attributes, LookupWalksOnlyWellFormedAttributes) {
   }
 }
 
-TEST(SvtiIndex, NamesTheDeviceOfTheTunnel) {
-  FakeInterfaceIndex names;
-  names.devices["svti7"] = 42;
-  NetlinkTransport nl(names);
-  EXPECT_EQ(nl.get_svtiindex(7), 42u);
+TEST(SvtiIndex, NamesTheDeviceOfTheTunnelAndClosesWhatItOpened) {
+  FakeNetDevices devices;
+  devices.add_device("svti70");
+  devices.add_device("svti7");
+  NetlinkTransport nl(devices);
+  EXPECT_EQ(nl.get_svtiindex(7), static_cast<unsigned>(devices.device("svti7")->ifindex));
   EXPECT_EQ(nl.get_svtiindex(8), 0u);
+  devices.fail_socket = EMFILE;
+  EXPECT_EQ(nl.get_svtiindex(7), 0u);
+  EXPECT_EQ(devices.open_descriptors(), 0);
+  EXPECT_EQ(devices.bad_closes, 0);
 }
 
 }  // namespace

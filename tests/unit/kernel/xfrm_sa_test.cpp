@@ -36,7 +36,8 @@ kestrix_ce_cipher_list_t aes_sha1() {
 
 class SaMessages : public ::testing::Test {
  protected:
-  SaMessages() { t.ifindex.devices["svti5"] = 11; }
+  SaMessages() { t.devices.add_device("svti5"); }
+  uint32_t svti5() const { return static_cast<uint32_t>(t.devices.device("svti5")->ifindex); }
   int add(const kestrix_ce_cipher_list_t& r, cpa_netlink_ctr_t* ctr = nullptr) {
     return kestrix_nlink_sa_add(t.agent.nlink, r, 5, 9, ctr, 32);
   }
@@ -76,7 +77,7 @@ TEST_F(SaMessages, AesCbcWithSha1IsHeaderBodyAndThreeAttributesByteForByte) {
 
   EXPECT_EQ(u16_at(m, 240), 8);
   EXPECT_EQ(u16_at(m, 242), 34);
-  EXPECT_EQ(u32_at(m, 244), 11u);
+  EXPECT_EQ(u32_at(m, 244), svti5());
 
   EXPECT_EQ(u16_at(m, 248), 88);
   EXPECT_EQ(u16_at(m, 250), 2);  // XFRMA_ALG_CRYPT
@@ -93,7 +94,7 @@ TEST_F(SaMessages, AesCbcWithSha1IsHeaderBodyAndThreeAttributesByteForByte) {
 
   EXPECT_EQ(ctr.req, 1u);
   EXPECT_EQ(ctr.resp_ok, 1u);
-  EXPECT_TRUE(t.log.has(LOG_DEBUG, "svti 11 tunid 5"));
+  EXPECT_TRUE(t.log.has(LOG_DEBUG, "svti " + std::to_string(svti5()) + " tunid 5"));
   EXPECT_TRUE(t.log.has(LOG_DEBUG, "SUCCESS: netlink SA create status"));
   EXPECT_TRUE(t.kernel.violations().empty()) << t.kernel.violations().front();
   ASSERT_EQ(t.kernel.sas().size(), 1u);
