@@ -1,12 +1,18 @@
 // The state dump: every tunnel and what it holds, written to syslog.
 #pragma once
 
+#include "state/policy_records.h"
 #include "state/tunnel_table.h"
 
 namespace cpa {
 
 // Dumps one tunnel; `i` is the running number of the dump.
 void kestrix_dump_cpa_intf(const cpa_interface_t* cpa_elem, int i);
+
+void kestrix_dump_policy_lst(const PolicyList& head);
+void kestrix_dump_ace_lst(const AceList& ace_entry);
+void kestrix_dump_ace(const ace_netlink_t& ace);
+void kestrix_dump_action(const kestrix_cdh_action& act);
 
 // Dumps every tunnel of the table, numbered from 0.
 void kestrix_dump_all_tunnels(const TunnelTable& tunnels);
