@@ -163,6 +163,8 @@ int run_agent(int argc, char* argv[]) {
   open_agent_syslog();
   kestrix_reg_sighdlr();
   const std::optional<Options> opts = parse_options(argc, argv, stdout);
+  // The option messages must reach a redirected stdout before the daemon settles.
+  std::fflush(stdout);
   if (!opts) return 0;
   if (opts->filter_log) setlogmask(LOG_UPTO(opts->log_severity));
   cpa_log(LOG_INFO, "THIS IS THE START POINT");

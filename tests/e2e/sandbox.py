@@ -82,7 +82,8 @@ def _enter_mount_namespace():
     os.makedirs("/usr/admin/log")
 
 
-def _fresh_network_namespace():
+def new_network_namespace():
+    """Moves the test process into a new network namespace with loopback up."""
     _check(_libc.unshare(CLONE_NEWNET), "unshare(CLONE_NEWNET)")
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
 
@@ -192,15 +193,31 @@ class RpClient:
 class Agent:
     """The real ipsec_cpa in a fresh network namespace, with its syslog."""
 
-    def __init__(self, *args, wait_ready=True):
-        _fresh_network_namespace()
+    def __init__(self, *args, wait_ready=True, env=None, fresh_namespace=True):
+        if fresh_namespace:
+            new_network_namespace()
         self.syslog = SyslogCapture()
         self.stdout_path = f"{SCRATCH}/agent-{time.monotonic_ns()}.out"
         self.stderr_path = self.stdout_path + ".err"
         with open(self.stdout_path, "wb") as out, open(self.stderr_path, "wb") as err:
-            self.proc = subprocess.Popen([BINARY, *args], stdout=out, stderr=err)
-        if wait_ready and not self.wait_log("Starting thread 1\n", timeout=10):
+            self.proc = subprocess.Popen([BINARY, *args], stdout=out, stderr=err,
+                                         env={**os.environ, **(env or {})})
+        if wait_ready and not self.wait_ports_bound(PAL_PORT, KEEPALIVE_PORT):
             raise AssertionError(f"agent did not come up: {self.syslog.lines()}")
+
+    def wait_ports_bound(self, *ports, timeout=10.0):
+        """Waits until UDP sockets of this namespace are bound to all `ports`."""
+        wanted = {f"{p:04X}" for p in ports}
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            with open("/proc/net/udp") as f:
+                bound = {line.split()[1].split(":")[1] for line in f.readlines()[1:]}
+            if wanted <= bound:
+                return True
+            if not self.alive():
+                return False
+            time.sleep(0.02)
+        return False
 
     def wait_log(self, text, timeout=5.0, priority=None, count=1):
         return self.syslog.wait_for(text, timeout, priority, count)
@@ -243,6 +260,27 @@ class Agent:
         return problem
 
 
+class RecordedCommands:
+    """Stand-ins for shell commands the agent runs: each named command appends
+    its command line to a log instead of acting. `env` puts them first in PATH."""
+
+    def __init__(self, *names):
+        self.dir = f"{SCRATCH}/bin-{time.monotonic_ns()}"
+        self.log = f"{self.dir}/commands.log"
+        os.makedirs(self.dir)
+        open(self.log, "w").close()
+        for name in names:
+            path = f"{self.dir}/{name}"
+            with open(path, "w") as f:
+                f.write(f'#!/bin/sh\necho "{name} $*" >> {self.log}\n')
+            os.chmod(path, 0o755)
+        self.env = {"PATH": f"{self.dir}:{os.environ.get('PATH', '/usr/bin:/bin')}"}
+
+    def lines(self):
+        with open(self.log) as f:
+            return f.read().splitlines()
+
+
 class AgentTestCase(unittest.TestCase):
     """Each test starts its agents with start_agent(); they are stopped, and
     checked for crashes and sanitizer reports, when the test ends."""
@@ -255,8 +293,9 @@ class AgentTestCase(unittest.TestCase):
         self._agents = []
         self._rps = []
 
-    def start_agent(self, *args, expect_running=True, wait_ready=True):
-        agent = Agent(*args, wait_ready=wait_ready)
+    def start_agent(self, *args, expect_running=True, wait_ready=True, env=None,
+                    fresh_namespace=True):
+        agent = Agent(*args, wait_ready=wait_ready, env=env, fresh_namespace=fresh_namespace)
         self._agents.append((agent, expect_running))
         self.addCleanup(self._stop, agent, expect_running)
         return agent

@@ -1,58 +1,56 @@
 #include "diag/state_dump.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <vector>
 
-#include "fakes/test_agent.h"
-#include "support/wire_builder.h"
+#include "fakes/log_capture.h"
 
 namespace cpa {
 namespace {
 
-using test::LogLine;
+TEST(StateDump, TunnelWithNothingAttached) {
+  test::LogCapture log;
+  TunnelTable table;
+  cdh_sadbhandle h;
+  table.create_alloc_sadbhdl({htonl(0xc1), htonl(0xc2), htonl(1)}, &h);
+  table.create_alloc_sadbhdl({htonl(0xd1), htonl(0xd2), 0}, &h);
+  table.kestrix_update_sadb_attr({0, 0, htonl(5), htonl(6)}, 2);
+  log.clear();
+  kestrix_dump_all_tunnels(table);
+  const auto lines = log.lines();
+  ASSERT_EQ(lines.size(), 26u);
+  const std::vector<test::LogLine> second(lines.begin() + 13, lines.end());
+  const std::vector<test::LogLine> expected = {
+      {LOG_DEBUG, "[1]CPA_INTERFACE_DUMP[1]"},
+      {LOG_DEBUG, "SADBHANDLE [2] REQID [2] TUNNELID [-1]"},
+      {LOG_DEBUG, "CALLBACK_HANDLLE [0xd1], CREATE_HANDLE [0xd2], CMD_STATE [0], HINT [0]"},
+      {LOG_DEBUG, "ATTRIBUTE [83886080], VALUE [100663296] IS_V6 [0]"},
+      {LOG_INFO, ">>>KESTRIX POLICIES BEGIN<<<"},
+      {LOG_DEBUG, "NO policy in list to display!"},
+      {LOG_INFO, ">>>KESTRIX POLICIES END<<<"},
+      {LOG_INFO, ">>>KESTRIX INBOUND SAs BEGIN<<<"},
+      {LOG_DEBUG, "No Inbound SAs in list to display!"},
+      {LOG_INFO, ">>>KESTRIX INBOUND SAs END<<<"},
+      {LOG_INFO, ">>>KESTRIX OUTBOUND SAs BEGIN<<<"},
+      {LOG_DEBUG, "No Outbound SAs in list to display!"},
+      {LOG_INFO, ">>>KESTRIX OUTBOUND SAs END<<<"},
+  };
+  EXPECT_EQ(second, expected);
+  EXPECT_EQ(lines[0].text, "[0]CPA_INTERFACE_DUMP[0]");
+}
 
 constexpr int D = LOG_DEBUG;
 constexpr int I = LOG_INFO;
 
-std::vector<LogLine> tunnel_lines(const std::vector<LogLine>& policy_section) {
-  std::vector<LogLine> lines{{D, "[0]CPA_INTERFACE_DUMP[0]"},
-                             {D, "SADBHANDLE [1] REQID [1] TUNNELID [-1]"},
-                             {D, "CALLBACK_HANDLLE [0x1], CREATE_HANDLE [0x2], CMD_STATE [0], HINT [0]"},
-                             {D, "ATTRIBUTE [0], VALUE [0] IS_V6 [0]"},
-                             {I, ">>>KESTRIX POLICIES BEGIN<<<"}};
-  lines.insert(lines.end(), policy_section.begin(), policy_section.end());
-  lines.insert(lines.end(), {{I, ">>>KESTRIX POLICIES END<<<"},
-                             {I, ">>>KESTRIX INBOUND SAs BEGIN<<<"},
-                             {D, "No Inbound SAs in list to display!"},
-                             {I, ">>>KESTRIX INBOUND SAs END<<<"},
-                             {I, ">>>KESTRIX OUTBOUND SAs BEGIN<<<"},
-                             {D, "No Outbound SAs in list to display!"},
-                             {I, ">>>KESTRIX OUTBOUND SAs END<<<"}});
-  return lines;
-}
-
-struct DumpTest : ::testing::Test {
-  DumpTest() {
-    agent.deliver(test::pal_request(KESTRIX_PAL_SADB_INIT_START,
-                                    test::Bytes().be32(1).be32(2).be32(0)));
-    agent.log.clear();
-  }
-  cpa_interface_t& tunnel() { return *agent.agent.tunnels.at(1); }
-  test::TestAgent agent;
-};
-
-TEST_F(DumpTest, TunnelWithoutPolicies) {
-  kestrix_dump_all_tunnels(agent.agent.tunnels);
-  EXPECT_EQ(agent.log.lines(), tunnel_lines({{D, "NO policy in list to display!"}}));
-}
-
-TEST_F(DumpTest, PoliciesWithTheirActionsAndAces) {
+TEST(StateDump, PoliciesWithTheirActionsAndAces) {
+  PolicyList policies;
   auto older = new_record<cpa_spd_policy_t>();
   older->static_seqno = 1;
   older->dynamic_seqno = 2;
   older->outbound.action = CDH_ACTION_FORWARD_PACKET;
-  insert_node_policy(tunnel().head_policy, std::move(older));
+  insert_node_policy(policies, std::move(older));
 
   auto newer = new_record<cpa_spd_policy_t>();
   newer->static_seqno = 3;
@@ -76,12 +74,13 @@ TEST_F(DumpTest, PoliciesWithTheirActionsAndAces) {
   twin->ace.selector.ipv4 = {0xC0A80101, 16, 0x0A000001, 24, 17, 0, 0, {}, {}};
   insert_node_ace(newer->ace_entry, std::move(ace));
   insert_node_ace(newer->ace_entry, std::move(twin));
-  insert_node_policy(tunnel().head_policy, std::move(newer));
+  insert_node_policy(policies, std::move(newer));
 
-  kestrix_dump_cpa_intf(&tunnel(), 0);
+  test::LogCapture log;
+  kestrix_dump_policy_lst(policies);
   EXPECT_EQ(
-      agent.log.lines(),
-      tunnel_lines({
+      log.lines(),
+      std::vector<test::LogLine>({
           {I, "***POLICY 0:"},
           {D, "STATIC_SEQNO [3] DYNAMIC_SEQNO [4] "},
           {I, "INBOUND action:"},

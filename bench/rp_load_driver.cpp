@@ -1,0 +1,139 @@
+// Load driver: measured in one run on loopback, inside the agent's network
+// namespace (see run_bench.py).
+//  1. Round trips of SADB_INIT_COMPLETED against the agent, one request
+//     outstanding, beside a minimal UDP echo server answering the same
+//     datagrams; prints both rates and agent/echo.
+//  2. The cost of each SADB_INIT_START while the table fills from 1 to 4095
+//     tunnels; prints the mean per 512-request bucket and last/first.
+// The RP end is bound to 127.0.0.2:23456, where the agent sends its answers.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr uint16_t kAgentPort = 23456;
+constexpr uint16_t kEchoPort = 34567;
+
+sockaddr_in address(const char* ip, uint16_t port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port);
+  inet_pton(AF_INET, ip, &a.sin_addr);
+  return a;
+}
+
+int bound_socket(const char* ip, uint16_t port) {
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  const int on = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in a = address(ip, port);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+    std::perror("bind");
+    std::exit(1);
+  }
+  timeval timeout{2, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  return fd;
+}
+
+std::vector<uint8_t> pal(uint16_t cmd, std::vector<uint32_t> words) {
+  std::vector<uint8_t> d = {0, 0, 0, static_cast<uint8_t>(2 + 4 * words.size()),
+                            static_cast<uint8_t>(cmd >> 8), static_cast<uint8_t>(cmd)};
+  for (uint32_t w : words)
+    for (int shift = 24; shift >= 0; shift -= 8) d.push_back(static_cast<uint8_t>(w >> shift));
+  return d;
+}
+
+// One request, one answer; false on a lost answer.
+bool round_trip(int fd, const sockaddr_in& to, const std::vector<uint8_t>& request) {
+  uint8_t answer[2048];
+  sendto(fd, request.data(), request.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+  return recv(fd, answer, sizeof answer, 0) > 0;
+}
+
+double rate(int fd, const sockaddr_in& to, const std::vector<uint8_t>& request, double seconds) {
+  const auto start = Clock::now();
+  const auto end = start + std::chrono::duration<double>(seconds);
+  long n = 0;
+  while (Clock::now() < end)
+    if (round_trip(fd, to, request)) ++n;
+  return n / std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+pid_t start_echo_server() {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int fd = bound_socket("127.0.0.1", kEchoPort);
+    uint8_t buf[2048];
+    for (;;) {
+      sockaddr_in from{};
+      socklen_t len = sizeof from;
+      const ssize_t n = recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &len);
+      if (n > 0) sendto(fd, buf, n, 0, reinterpret_cast<sockaddr*>(&from), len);
+    }
+  }
+  return pid;
+}
+
+void compare_with_echo(int fd, double seconds) {
+  const sockaddr_in agent = address("127.0.0.1", kAgentPort);
+  const sockaddr_in echo = address("127.0.0.1", kEchoPort);
+  round_trip(fd, agent, pal(1, {1, 0x424242, 0}));  // tunnel 1, so completion succeeds
+  const std::vector<uint8_t> completed = pal(2, {7, 1});
+  const pid_t echo_pid = start_echo_server();
+  usleep(100000);
+  double agent_total = 0, echo_total = 0;
+  for (int round = 0; round < 3; ++round) {  // alternate, so drift hits both
+    echo_total += rate(fd, echo, completed, seconds / 3);
+    agent_total += rate(fd, agent, completed, seconds / 3);
+  }
+  kill(echo_pid, SIGKILL);
+  waitpid(echo_pid, nullptr, 0);
+  round_trip(fd, agent, pal(3, {7, 1}));
+  std::printf("SADB_INIT_COMPLETED round trips/s: agent %.0f, echo %.0f, agent/echo %.2f\n",
+              agent_total / 3, echo_total / 3, agent_total / echo_total);
+}
+
+void fill_table(int fd) {
+  const sockaddr_in agent = address("127.0.0.1", kAgentPort);
+  constexpr int kBucket = 512;
+  std::vector<double> bucket_us;
+  double sum = 0;
+  for (uint32_t n = 1; n <= 4095; ++n) {
+    const auto request = pal(1, {n, 0x100000 + n, 0});
+    const auto start = Clock::now();
+    round_trip(fd, agent, request);
+    sum += std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+    if (n % kBucket == 0 || n == 4095) {
+      const int in_bucket = (n % kBucket == 0) ? kBucket : static_cast<int>(n % kBucket);
+      bucket_us.push_back(sum / in_bucket);
+      sum = 0;
+    }
+  }
+  std::printf("SADB_INIT_START mean round trip (us) per %d tunnels:", kBucket);
+  for (double us : bucket_us) std::printf(" %.1f", us);
+  std::printf("\nSADB_INIT_START last/first bucket: %.2f\n", bucket_us.back() / bucket_us.front());
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  const double seconds = argc > 1 ? std::atof(argv[1]) : 6.0;
+  const int fd = bound_socket("127.0.0.2", kAgentPort);
+  compare_with_echo(fd, seconds);
+  fill_table(fd);
+  close(fd);
+  return 0;
+}

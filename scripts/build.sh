@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# Configures and builds one flavour of the tree.
+#   build.sh plain   build/        the agent (build/ipsec_cpa), unit tests, load driver
+#   build.sh asan    build-asan/   the same under AddressSanitizer + UndefinedBehaviorSanitizer
+#   build.sh fuzz    build-fuzz/   libFuzzer targets (clang)
+#   build.sh agent   build/        the agent alone (no test dependencies)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+jobs=$(nproc)
+
+case "${1:-plain}" in
+  plain) cmake -S . -B build -G Ninja -DCPA_TESTS=ON -DCPA_BENCH=ON >/dev/null
+         ninja -C build -j"$jobs" ;;
+  agent) cmake -S . -B build -G Ninja -DCPA_TESTS=OFF -DCPA_BENCH=OFF >/dev/null
+         ninja -C build -j"$jobs" ipsec_cpa ;;
+  asan)  cmake -S . -B build-asan -G Ninja -DCPA_SANITIZE=ON -DCPA_BENCH=OFF >/dev/null
+         ninja -C build-asan -j"$jobs" ;;
+  fuzz)  CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCPA_FUZZ=ON >/dev/null
+         ninja -C build-fuzz -j"$jobs" ;;
+  *) echo "usage: $0 plain|agent|asan|fuzz" >&2; exit 2 ;;
+esac

@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Builds the agent and shows its main job: in a throw-away network namespace,
+# a small RP client drives one tunnel's SADB life over UDP and prints every
+# response and the agent's syslog lines; then everything is stopped. Run as root.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/install-deps.sh build
+bash scripts/build.sh agent
+exec "$(command -v /usr/bin/python3 || command -v python3)" scripts/demo_rp.py

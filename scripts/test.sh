@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Installs what the tests need, builds every flavour and runs every test:
+# unit tests plain and under ASan+UBSan, the end-to-end suite against both
+# agent binaries, and each fuzz target for a bounded time. Run as root.
+# CPA_FUZZ_SECONDS sets the time per fuzz target (default 60).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+python=$(command -v /usr/bin/python3 || command -v python3)
+fuzz_seconds=${CPA_FUZZ_SECONDS:-60}
+
+step() { printf '\n=== %s\n' "$*"; }
+
+step "dependencies"
+bash scripts/install-deps.sh test
+
+step "build: plain, asan, fuzz"
+bash scripts/build.sh plain
+bash scripts/build.sh asan
+bash scripts/build.sh fuzz
+
+step "unit tests (plain)"
+./build/unit_tests --gtest_brief=1
+step "unit tests (ASan+UBSan)"
+ASAN_OPTIONS=detect_leaks=1 ./build-asan/unit_tests --gtest_brief=1
+
+step "end-to-end (plain agent)"
+(cd tests/e2e && CPA_BINARY="$PWD/../../build/ipsec_cpa" "$python" -m unittest discover -s . -p 'test_*.py')
+step "end-to-end (ASan+UBSan agent)"
+(cd tests/e2e && CPA_BINARY="$PWD/../../build-asan/ipsec_cpa" "$python" -m unittest discover -s . -p 'test_*.py')
+
+for fuzzer in build-fuzz/*_fuzzer; do
+  step "fuzz: $(basename "$fuzzer") for ${fuzz_seconds}s"
+  corpus="build-fuzz/corpus/$(basename "$fuzzer")"
+  mkdir -p "$corpus"
+  log="build-fuzz/$(basename "$fuzzer").log"
+  if ! "$fuzzer" -max_total_time="$fuzz_seconds" -max_len=4096 "$corpus" >"$log" 2>&1; then
+    tail -n 60 "$log"
+    echo "fuzz target $(basename "$fuzzer") failed" >&2
+    exit 1
+  fi
+  tail -n 1 "$log"
+done
+
+step "all tests passed"

@@ -1,0 +1,126 @@
+"""The keepalive exchange with the RP on port 23458, liveness checks, and the
+counter report it writes on SIGUSR1."""
+
+import os
+import signal
+import socket
+import time
+import unittest
+
+from rp_messages import be16, init_start, keepalive
+from sandbox import (AgentTestCase, RecordedCommands, AGENT_ADDR, KEEPALIVE_PORT, RP_ADDR,
+                     LOG_INFO, LOG_WARNING)
+
+KEEPALIVE_SENT = bytes([0, 3, 0x18, 0]) + bytes(12) + b"IPSEC_DP" + bytes(4)
+REPORT = "/usr/admin/log/.cpa_ctrs"
+
+
+class KeepalivePeer:
+    """The RP's keepalive socket, at RP_ADDR port 23458."""
+
+    def __init__(self, test):
+        self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.sock.bind((RP_ADDR, KEEPALIVE_PORT))
+        test.addCleanup(self.sock.close)
+
+    def send(self, datagram=None, sock=None):
+        (sock or self.sock).sendto(datagram or keepalive(), (AGENT_ADDR, KEEPALIVE_PORT))
+
+    def receive(self, timeout):
+        self.sock.settimeout(timeout)
+        try:
+            return self.sock.recv(2048), time.monotonic()
+        except socket.timeout:
+            return None, time.monotonic()
+
+
+class Keepalives(AgentTestCase):
+    def test_nothing_is_sent_before_the_rp_speaks_first(self):
+        self.start_agent()
+        peer = KeepalivePeer(self)
+        self.rp().request(init_start(1, 2))
+        peer.send(be16(0) + be16(0))
+        self.assertEqual(peer.receive(1.5)[0], None)
+
+    def test_keepalives_go_every_second_to_the_rp_port(self):
+        agent = self.start_agent()
+        peer = KeepalivePeer(self)
+        other_port = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        other_port.bind((RP_ADDR, 0))
+        self.addCleanup(other_port.close)
+        started = time.monotonic()
+        peer.send(sock=other_port)  # from another port: replies still go to 23458
+        first, t1 = peer.receive(2.5)
+        second, t2 = peer.receive(2.5)
+        self.assertEqual(first, KEEPALIVE_SENT)
+        self.assertEqual(second, KEEPALIVE_SENT)
+        self.assertAlmostEqual(t1 - started, 1.0, delta=0.3)
+        self.assertAlmostEqual(t2 - t1, 1.0, delta=0.3)
+        self.assertLogged(agent, "First keepalive msg received", LOG_INFO)
+
+    def test_a_check_without_keepalive_or_request_is_a_miss(self):
+        agent = self.start_agent()
+        peer = KeepalivePeer(self)
+        rp = self.rp()
+        started = time.monotonic()
+        peer.send()  # checks follow at +3 s (keepalive seen), +6 s, +9 s
+        time.sleep(4.0)
+        rp.request(init_start(1, 2))  # a request before the +6 s check is a sign of life
+
+        def aborts():
+            return [t for p, t in agent.log_lines()
+                    if p == LOG_WARNING and t.startswith("Max Keepalive Retry Reached.")]
+        while time.monotonic() - started < 8.5:
+            time.sleep(0.1)
+        self.assertEqual(aborts(), [])
+        while time.monotonic() - started < 9.8 and not aborts():
+            time.sleep(0.05)
+        self.assertEqual(len(aborts()), 1)
+        self.assertRegex(aborts()[0], r"^Max Keepalive Retry Reached. sent \d+ recv 1 abort 1\n$")
+        self.assertTrue(agent.alive())
+
+
+class CounterReport(AgentTestCase):
+    def test_sigusr1_writes_the_report_at_the_next_tick(self):
+        agent = self.start_agent()
+        rp = self.rp()
+        rp.request(init_start(1, 2))
+        rp.request(init_start(1, 0))
+        peer = KeepalivePeer(self)
+        peer.send()
+        peer.receive(2.5)
+        agent.signal(signal.SIGUSR1)
+        agent.signal(signal.SIGUSR1)
+        deadline = time.monotonic() + 3
+        while not os.path.exists(REPORT) and time.monotonic() < deadline:
+            time.sleep(0.05)
+        time.sleep(0.1)
+        with open(REPORT) as f:
+            report = f.read()
+        os.unlink(REPORT)
+        self.assertTrue(report.startswith("\n\tPAL Commands \t\t\t    No of Requests \t "
+                                          "No of Response ok \t No of Response Errors"))
+        self.assertIn("\n\n\n KESTRIX_PAL_SADB_INIT_START \t\t        2 \t\t      1 \t\t      1", report)
+        self.assertIn("\n Keepalive Recv \t\t\t        1 ", report)
+        self.assertTrue(report.endswith(" \n\n"))
+        time.sleep(1.2)
+        self.assertFalse(os.path.exists(REPORT))  # one report for both signals
+
+    def test_missing_log_directory_leaves_the_marker_command(self):
+        commands = RecordedCommands("touch")
+        os.rename("/usr/admin/log", "/usr/admin/log.away")
+        self.addCleanup(os.rename, "/usr/admin/log.away", "/usr/admin/log")
+        agent = self.start_agent(env=commands.env)
+        peer = KeepalivePeer(self)
+        peer.send()
+        peer.receive(2.5)
+        agent.signal(signal.SIGUSR1)
+        deadline = time.monotonic() + 3
+        while not commands.lines() and time.monotonic() < deadline:
+            time.sleep(0.05)
+        self.assertEqual(commands.lines(), ["touch /usr/admin/log/.cpa_err"])
+
+
+if __name__ == "__main__":
+    unittest.main()

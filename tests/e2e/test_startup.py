@@ -1,0 +1,135 @@
+"""Start-up: options, the start-up log, exit statuses, the fast-path segment,
+signals."""
+
+import os
+import signal
+import socket
+import time
+import unittest
+
+from rp_messages import init_start
+from sandbox import AgentTestCase, RecordedCommands, new_network_namespace, LOG_DEBUG, LOG_ERR, LOG_INFO
+
+SEGMENT = "/dev/shm/fp-shared"
+SEGMENT_SIZE = 0x39BBDFC0
+
+
+class Options(AgentTestCase):
+    def test_usage_exits_zero_before_any_socket(self):
+        for opt in ("-h", "-x"):
+            agent = self.start_agent("-u", opt, expect_running=False, wait_ready=False)
+            self.assertEqual(agent.wait_exit(), 0)
+            self.assertEqual(agent.stdout(),
+                             f"Enabling UT\n\nUsage: {agent.proc.args[0]} -d <DEBUG LVL>\nDEBUG LVL: 0-7\n")
+            self.assertNotIn("socket() is OK", agent.texts())
+
+    def test_bad_values_are_reported_and_the_agent_runs(self):
+        agent = self.start_agent("-r", "48", "-d", "9")
+        self.assertEqual(agent.stdout(), "The replay window size values can either be 32 or 64. "
+                                         "Setting it to default\n\nDEBUG must be between 0-7\n")
+        self.assertLogged(agent, "Replay window size is 32\n", LOG_DEBUG)
+
+    def test_debug_level_filters_syslog(self):
+        agent = self.start_agent("-d", "3")
+        rp = self.rp()
+        self.assertIsNotNone(rp.request(init_start(1, 0)))
+        self.assertLogged(agent, "Null callback handle or create handle", LOG_ERR)
+        self.assertEqual({p for p, _ in agent.log_lines()}, {LOG_ERR})
+
+    def test_unit_test_mode_clears_kernel_state_and_test_tunnel(self):
+        commands = RecordedCommands("ip")
+        agent = self.start_agent("-u", env=commands.env)
+        self.assertEqual(agent.stdout(), "Enabling UT\n")
+        deadline = time.monotonic() + 3
+        while len(commands.lines()) < 3 and time.monotonic() < deadline:
+            time.sleep(0.05)
+        self.assertEqual(commands.lines(), ["ip xfrm policy flush", "ip xfrm state flush",
+                                            "ip tunnel del svti2"])
+
+
+class StartupSequence(AgentTestCase):
+    def test_log_lines_in_order(self):
+        agent = self.start_agent()
+        expected = [
+            (LOG_INFO, "THIS IS THE START POINT"),
+            (LOG_DEBUG, f"Coming up fresh with PID: {agent.proc.pid}"),
+            (LOG_DEBUG, "Replay window size is 0\n"),
+            (LOG_INFO, "socket() is OK"),
+            (LOG_INFO, "ARP socket() is OK"),
+            (LOG_ERR, "Error getting Interface index ! reason No such device\n"),
+            (LOG_DEBUG, "nl_pid now  0"),
+            (LOG_DEBUG, "nl_grps 0x8"),
+            (LOG_DEBUG, "nl_pid now  0"),
+            (LOG_INFO, "try to bind..."),
+            (LOG_DEBUG, "Set the receive buffer size to 2 MB"),
+            (LOG_INFO, "UDP server - bind() is OK"),
+            (LOG_DEBUG, "Using IP 0.0.0.0 and port 23456"),
+            (LOG_INFO, "UDP server - Listening..."),
+            (LOG_DEBUG, " Entered \n"),
+            (LOG_ERR, "ERROR: Failed to open shared memory\n"),
+            (LOG_DEBUG, "pthread_create returns 0\n"),
+        ]
+        lines = agent.log_lines()
+        position = 0
+        for line in expected:
+            self.assertIn(line, lines[position:])
+            position = lines.index(line, position) + 1
+        self.assertTrue(any(t.startswith("nlsock_fd = ") for _, t in lines))
+        self.assertTrue(any(t.startswith("nlmon_fd = ") for _, t in lines))
+
+    def start_with_port_taken(self, port):
+        new_network_namespace()
+        holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        holder.bind(("0.0.0.0", port))
+        self.addCleanup(holder.close)
+        return self.start_agent(expect_running=False, wait_ready=False, fresh_namespace=False)
+
+    def test_taken_request_port_exits_zero(self):
+        agent = self.start_with_port_taken(23456)
+        self.assertEqual(agent.wait_exit(), 0)
+        self.assertLogged(agent, "bind() error reason: Address already in use", LOG_ERR)
+
+    def test_taken_keepalive_port_exits_one(self):
+        agent = self.start_with_port_taken(23458)
+        self.assertEqual(agent.wait_exit(), 1)
+        self.assertLogged(agent, "Socket Initialization failed", LOG_ERR)
+
+
+class FastPathSegment(AgentTestCase):
+    def test_segment_is_mapped_when_present(self):
+        fd = os.open(SEGMENT, os.O_CREAT | os.O_RDWR, 0o600)
+        os.ftruncate(fd, SEGMENT_SIZE)
+        os.close(fd)
+        self.addCleanup(os.unlink, SEGMENT)
+        agent = self.start_agent()
+        mapped = [t for _, t in agent.log_lines() if t.startswith("SUCCESS: Fastpath shared memory")]
+        self.assertEqual(len(mapped), 1)
+        self.assertRegex(mapped[0], r"^SUCCESS: Fastpath shared memory mapped successfully with "
+                                    r"size = 0x39bbdfc0 addr = 0x[0-9a-f]+\n$")
+
+
+class Signals(AgentTestCase):
+    def test_sigint_on_empty_table_only_says_signalled(self):
+        agent = self.start_agent()
+        before = len(agent.log_lines())
+        for _ in range(2):
+            agent.signal(signal.SIGINT)
+        self.assertLogged(agent, "Signalled! ", LOG_DEBUG)
+        time.sleep(0.3)
+        new = agent.log_lines()[before:]
+        self.assertTrue(all(t == "Signalled! " for _, t in new), new)
+        self.assertIsNotNone(self.rp().request(init_start(1, 2)))
+
+    def test_sigint_dumps_every_tunnel(self):
+        agent = self.start_agent()
+        rp = self.rp()
+        rp.request(init_start(1, 0x100))
+        rp.request(init_start(2, 0x200))
+        agent.signal(signal.SIGINT)
+        self.assertLogged(agent, "[1]CPA_INTERFACE_DUMP[1]", LOG_DEBUG)
+        self.assertLogged(agent, "SADBHANDLE [2] REQID [2] TUNNELID [-1]", LOG_DEBUG)
+        self.assertLogged(agent, ">>>KESTRIX OUTBOUND SAs END<<<", LOG_INFO, count=2)
+
+
+if __name__ == "__main__":
+    unittest.main()

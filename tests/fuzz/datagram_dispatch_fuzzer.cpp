@@ -1,0 +1,33 @@
+// Arbitrary request datagrams through the split by message type, the PAL and
+// CEAL dispatch and every handler, each in a buffer exactly as long as the
+// datagram. The input is a sequence of datagrams: a 2-byte length, then that
+// many bytes (at most one receive buffer's worth), so that sequences of
+// requests (create, attach, delete...) are explored as well.
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "daemon/agent.h"
+#include "fakes/fake_system.h"
+#include "fakes/null_log.h"
+#include "pal/pal_dispatcher.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static cpa::test::NullLog quiet;
+  cpa::test::FakeClock clock;
+  cpa::test::FakeCommandRunner commands;
+  cpa::test::RecordingOutbox rp;
+  cpa::Agent agent({}, {clock, commands, rp});
+  while (size >= 2) {
+    size_t length = (static_cast<size_t>(data[0]) << 8 | data[1]) % 2049;
+    data += 2;
+    size -= 2;
+    if (length > size) length = size;
+    std::vector<uint8_t> datagram(data, data + length);
+    cpa::kestrix_pal_process_msg(agent, cpa::ReceivedBytes(datagram.data(), datagram.size()));
+    data += length;
+    size -= length;
+    rp.sent.clear();
+  }
+  return 0;
+}
