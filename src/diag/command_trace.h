@@ -23,6 +23,15 @@ class CommandTrace {
                      int status);
   void ceal_cmd_print(int cmd_id, int time_flag, int status);
 
+  // Runs `work` (returning a status) between the start and end lines of a PAL command.
+  template <class Work>
+  auto traced(int cmd_id, uint32_t callback_handle, uint32_t sadb_handle, Work work) {
+    pal_cmd_print(cmd_id, callback_handle, sadb_handle, 0, 0);
+    const auto status = work();
+    pal_cmd_print(cmd_id, callback_handle, sadb_handle, 1, status);
+    return status;
+  }
+
  private:
   double seconds_since_start();
 

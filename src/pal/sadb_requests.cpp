@@ -37,13 +37,11 @@ ce_status_t kestrix_proc_init_complete(
     cpa_log(LOG_ERR, "Null handle init_complt_req");
     return CRYPTO_ERR_INVALID;
   }
-  const uint32_t callback = ntohl(req.callback_handle);
   const uint32_t sadb = ntohl(req.sadbhandle);
-  agent.trace.pal_cmd_print(KESTRIX_PAL_SADB_INIT_COMPLETED, callback, sadb, 0, 0);
-  uint32_t slot = 0;
-  const ce_status_t status = agent.tunnels.sadb_lookup(sadb, &slot);
-  agent.trace.pal_cmd_print(KESTRIX_PAL_SADB_INIT_COMPLETED, callback, sadb, 1, status);
-  return status;
+  return agent.trace.traced(KESTRIX_PAL_SADB_INIT_COMPLETED, ntohl(req.callback_handle), sadb, [&] {
+    uint32_t slot = 0;
+    return agent.tunnels.sadb_lookup(sadb, &slot);
+  });
 }
 
 ce_status_t kestrix_proc_sadb_delete(Agent& agent,
@@ -56,15 +54,15 @@ ce_status_t kestrix_proc_sadb_delete(Agent& agent,
   const uint32_t callback = ntohl(req.callback_handle);
   const uint32_t sadb = ntohl(req.sadbhandle);
   cpa_log(LOG_DEBUG, "\ncall handle 0x%x, sadbhdl 0x%x", callback, sadb);
-  agent.trace.pal_cmd_print(KESTRIX_PAL_SADB_DELETE, callback, sadb, 0, 0);
-  uint32_t slot = 0;
-  if (agent.tunnels.sadb_lookup(sadb, &slot) == CRYPTO_NO_ERR) {
-    cpa_log(LOG_DEBUG, "SADB Lookup success CPA idx %d", slot);
-    agent.tunnels.kestrix_del_sadb(static_cast<int>(slot));
-  }
-  // Deleting a tunnel the agent does not know succeeds as well.
-  agent.trace.pal_cmd_print(KESTRIX_PAL_SADB_DELETE, callback, sadb, 1, CRYPTO_NO_ERR);
-  return CRYPTO_NO_ERR;
+  return agent.trace.traced(KESTRIX_PAL_SADB_DELETE, callback, sadb, [&] {
+    uint32_t slot = 0;
+    if (agent.tunnels.sadb_lookup(sadb, &slot) == CRYPTO_NO_ERR) {
+      cpa_log(LOG_DEBUG, "SADB Lookup success CPA idx %d", slot);
+      agent.tunnels.kestrix_del_sadb(static_cast<int>(slot));
+    }
+    // Deleting a tunnel the agent does not know succeeds as well.
+    return CRYPTO_NO_ERR;
+  });
 }
 
 ce_status_t kestrix_proc_sadb_attr_update(
@@ -74,15 +72,13 @@ ce_status_t kestrix_proc_sadb_attr_update(
     cpa_log(LOG_ERR, " sadb update request null or sadb update request sadb handle null");
     return CRYPTO_ERR_INVALID;
   }
-  const uint32_t callback = ntohl(req.callback_handle);
   const uint32_t sadb = ntohl(req.sadbhandle);
-  agent.trace.pal_cmd_print(KESTRIX_PAL_SADB_ATTR_UPDATE, callback, sadb, 0, 0);
-  uint32_t slot = 0;
-  ce_status_t status = agent.tunnels.sadb_lookup(sadb, &slot);
-  if (status == CRYPTO_NO_ERR)
-    status = agent.tunnels.kestrix_update_sadb_attr(req, static_cast<int>(slot));
-  agent.trace.pal_cmd_print(KESTRIX_PAL_SADB_ATTR_UPDATE, callback, sadb, 1, status);
-  return status;
+  return agent.trace.traced(KESTRIX_PAL_SADB_ATTR_UPDATE, ntohl(req.callback_handle), sadb, [&] {
+    uint32_t slot = 0;
+    const ce_status_t found = agent.tunnels.sadb_lookup(sadb, &slot);
+    if (found != CRYPTO_NO_ERR) return found;
+    return agent.tunnels.kestrix_update_sadb_attr(req, static_cast<int>(slot));
+  });
 }
 
 }  // namespace cpa
