@@ -108,21 +108,6 @@ TEST(AceDecoding, PortListConvertsOnlyItsValidEntries) {
   }
 }
 
-TEST(AceDecoding, NullArgumentsAreRefused) {
-  test::LogCapture log;
-  kestrix_crypto_ace ace{};
-  kestrix_cdh_action act{};
-  EXPECT_EQ(kestrix_decode_ace(nullptr, &ace), 1);
-  EXPECT_EQ(kestrix_decode_ace(&ace, nullptr), 1);
-  kestrix_dp_decode_ace_port(nullptr, &ace.selector.ipv4.local_port);
-  kestrix_set_action(nullptr, &act);
-  EXPECT_EQ(kestrix_action_get(8, &act, nullptr), 1);
-  EXPECT_EQ(log.lines(), (std::vector<test::LogLine>{{LOG_DEBUG, "NULL pointer(s) passed"},
-                                                     {LOG_ERR, "NULL pointer(s) passed"},
-                                                     {LOG_DEBUG, "Null dst or src"},
-                                                     {LOG_DEBUG, "Null dst or src act"}}));
-}
-
 kestrix_cdh_action wire_action(uint32_t action, const std::vector<uint8_t>& data = {}) {
   return wire_copy<kestrix_cdh_action>(test::action_body(action, data));
 }

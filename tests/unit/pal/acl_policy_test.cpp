@@ -158,17 +158,6 @@ TEST(AclPolicy, RecordsCutShortFailTheRequestWithoutReadingPastTheBytes) {
   }
 }
 
-TEST(AclPolicy, MissingArgumentsAreInternalErrors) {
-  test::LogCapture log;
-  const auto command = acl_command(2, {});
-  std::unique_ptr<cpa_spd_policy_t> policy;
-  EXPECT_EQ(kestrix_alloc_set_policy(ReceivedBytes(), command.size(), &policy), CRYPTO_ERR_INTERNAL);
-  EXPECT_EQ(kestrix_alloc_set_policy(ReceivedBytes(command.data(), command.size()), command.size(),
-                                     nullptr),
-            CRYPTO_ERR_INTERNAL);
-  EXPECT_EQ(log.texts(), (std::vector<std::string>{"Null req", "Null ipsec_policy"}));
-}
-
 // A tunnel in slot 1 holding policies built from ACE handle lists, oldest first.
 struct Tunnel {
   explicit Tunnel(std::vector<std::vector<uint32_t>> policies) {

@@ -80,14 +80,6 @@ TEST(ObjectList, PolicyDeletionReleasesThePolicyAndItsAces) {
   EXPECT_EQ(policies.head()->next, nullptr);
 }
 
-TEST(ObjectList, CleanupOfNoPolicyOnlyLogs) {
-  test::LogCapture log;
-  kestrix_policy_cleanup(nullptr);
-  kestrix_policy_ace_cleanup(nullptr);
-  EXPECT_EQ(log.lines(), (std::vector<test::LogLine>{{LOG_DEBUG, "NULL pointer passed policy"},
-                                                     {LOG_ERR, "NULL pointer passed policy"}}));
-}
-
 TEST(ObjectList, LongListsAreReleasedWithoutDeepRecursion) {
   PolicyList policies;
   auto policy = new_record<cpa_spd_policy_t>();
