@@ -8,6 +8,7 @@
 #include "diag/counters.h"
 #include "pal/rp_link.h"
 #include "platform/system_ports.h"
+#include "state/peer_table.h"
 #include "state/tunnel_table.h"
 
 namespace cpa {
@@ -21,6 +22,7 @@ struct AgentSeams {
   Clock& clock;
   CommandRunner& commands;
   RpOutbox& rp;
+  NetDeviceSysCalls& devices;
 };
 
 struct Agent {
@@ -34,6 +36,7 @@ struct Agent {
   ThreadShared shared;
   CommandTrace trace;
   TunnelTable tunnels;
+  PeerTable peers;
 };
 
 }  // namespace cpa

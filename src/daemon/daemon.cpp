@@ -183,9 +183,10 @@ int run_agent(int argc, char* argv[]) {
   SystemClock clock;
   ShellCommandRunner commands;
   RpLink rp(sockets.g_sd.get());
+  KernelNetDeviceSysCalls devices;
   FastPathStats fastpath;
   fastpath.kestrix_stats_sharedmem_init();
-  Agent agent(opts->settings, AgentSeams{clock, commands, rp});
+  Agent agent(opts->settings, AgentSeams{clock, commands, rp, devices});
   agent.tunnels.init_sadb();
   bind_display_flag(&agent.shared.g_display_ctr);
 

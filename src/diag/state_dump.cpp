@@ -129,6 +129,20 @@ void kestrix_dump_action(const kestrix_cdh_action& act) {
   }
 }
 
+void kestrix_dump_cpa_peer_params(const cdh_peer_parameters* peer) {
+  if (!peer) {
+    cpa_log(LOG_DEBUG, "NULL peer!");
+    return;
+  }
+  cpa_log(LOG_DEBUG,
+          "do_idle_timer [%d], idle_timer_settings [%d], idle_timer_handle [%d]\ndo_dpd [%d], "
+          "dpd_threshold [%d], dpd_handle [%d], do_translation [%d]\ninside_remort_port [%d], "
+          "outside_remote_port [%d]",
+          peer->do_idle_timer, peer->idle_timer_setting, peer->idle_timer_handle, peer->do_dpd,
+          peer->dpd_threshold, peer->dpd_handle, peer->do_translation, peer->inside_remote_port,
+          peer->outside_remote_port);
+}
+
 void kestrix_dump_all_tunnels(const TunnelTable& tunnels) {
   int n = 0;
   for (uint32_t slot = 0; slot < TunnelTable::kSlots; ++slot)

@@ -1,6 +1,7 @@
 // The state dump: every tunnel and what it holds, written to syslog.
 #pragma once
 
+#include "state/peer_table.h"
 #include "state/policy_records.h"
 #include "state/tunnel_table.h"
 
@@ -8,6 +9,9 @@ namespace cpa {
 
 // Dumps one tunnel; `i` is the running number of the dump.
 void kestrix_dump_cpa_intf(const cpa_interface_t* cpa_elem, int i);
+
+// Dumps one peer record; not part of the tunnel dump.
+void kestrix_dump_cpa_peer_params(const cdh_peer_parameters* peer);
 
 void kestrix_dump_policy_lst(const PolicyList& head);
 void kestrix_dump_ace_lst(const AceList& ace_entry);

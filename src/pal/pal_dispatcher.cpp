@@ -6,7 +6,9 @@
 
 #include "ceal/ceal_dispatcher.h"
 #include "diag/log.h"
+#include "pal/intf_attach.h"
 #include "pal/pal_request.h"
+#include "pal/peer_requests.h"
 #include "pal/pending_requests.h"
 #include "pal/sadb_requests.h"
 #include "wire/byte_order.h"
@@ -30,10 +32,11 @@ ce_status_t plain(Agent& agent, const PalRequest& request, kestrix_pal_resp_t&) 
   return Fn(agent, request.body.read_padded<Body>(0));
 }
 
-ce_status_t init_start(Agent& agent, const PalRequest& request, kestrix_pal_resp_t& record) {
-  cdh_sadbhandle handle = 0;
-  const ce_status_t status = kestrix_proc_init_start_req(
-      agent, request.body.read_padded<kestrix_pal_initialize_start_req>(0), &handle);
+// Handlers that also give back the handle of their response, as it goes on the wire.
+template <class Body, ce_status_t (*Fn)(Agent&, const RequestBody<Body>&, uint32_t*)>
+ce_status_t with_handle(Agent& agent, const PalRequest& request, kestrix_pal_resp_t& record) {
+  uint32_t handle = 0;
+  const ce_status_t status = Fn(agent, request.body.read_padded<Body>(0), &handle);
   record.with_handle.handle = handle;
   return status;
 }
@@ -80,7 +83,8 @@ constexpr PalCommandEntry kNoHandler{nullptr, nullptr, nullptr, 0, false, false}
 // Indexed by command number; commands above 20 have no entry.
 const PalCommandEntry kPalCommands[] = {
     /* 0 */ kNoHandler,
-    /* 1 */ {init_start, &C::p_init_start_req, "KESTRIX_PAL_SADB_INIT_START status %d ", LOG_DEBUG,
+    /* 1 */ {with_handle<kestrix_pal_initialize_start_req, kestrix_proc_init_start_req>,
+             &C::p_init_start_req, "KESTRIX_PAL_SADB_INIT_START status %d ", LOG_DEBUG,
              false, false},
     /* 2 */ {plain<kestrix_pal_initialize_completed_req, kestrix_proc_init_complete>,
              &C::p_init_compl_req, "KESTRIX_PAL_SADB_INIT_COMPLETED req status %d", LOG_DEBUG, false,
@@ -90,15 +94,17 @@ const PalCommandEntry kPalCommands[] = {
     /* 4 */ {plain<kestrix_pal_update_sadb_req, kestrix_proc_sadb_attr_update>,
              &C::p_attr_update_req, " KESTRIX_PAL_SADB_ATTR_UPDATE req status %d", LOG_DEBUG, false,
              false},
-    /* 5 */ {not_yet, nullptr, " KESTRIX_PAL_SADB_INTF_ATTACH req status %d", LOG_DEBUG, true, false},
+    /* 5 */ {plain<kestrix_pal_attach_sadb_req, kestrix_proc_sadb_intf_att>, nullptr,
+             " KESTRIX_PAL_SADB_INTF_ATTACH req status %d", LOG_DEBUG, true, false},
     /* 6 */ kNoHandler,
     /* 7 */ kNoHandler,
     /* 8 */ kNoHandler,
     /* 9 */ {not_yet, nullptr, "acl_Modify resp status %d", LOG_DEBUG, true, false},
     /* 10 */ kNoHandler,
-    /* 11 */ {not_yet, &C::p_peer_insert_req, nullptr, 0, false, true},
-    /* 12 */ {not_yet, &C::p_peer_delete_req, "KESTRIX_PAL_PEER_DELETE req status %d", LOG_DEBUG,
-              false, false},
+    /* 11 */ {with_handle<kestrix_pal_insert_peer_req, kestrix_proc_peer_insert_req>,
+              &C::p_peer_insert_req, nullptr, 0, false, true},
+    /* 12 */ {plain<kestrix_pal_delete_peer_req, kestrix_proc_peer_del_req>, &C::p_peer_delete_req,
+              "KESTRIX_PAL_PEER_DELETE req status %d", LOG_DEBUG, false, false},
     /* 13 */ {not_yet, &C::p_spi_insert_req, "KESTRIX_PAL_SPI_INSERT req status %d", LOG_DEBUG, false,
               true},
     /* 14 */ {not_yet, &C::p_spi_delete_req, nullptr, 0, false, false},

@@ -9,12 +9,8 @@ ce_status_t kestrix_proc_not_yet_supported(Agent& agent, const PalRequest& reque
   const uint32_t callback = ntohl(head->callback_handle);
   agent.trace.pal_cmd_print(request.cmd, callback, 0, 0, 0);
   const ce_status_t status = CRYPTO_ERR_UNSUPPORTED;
-  // Attach and ACL modify are counted by their handlers, with their sub-command.
-  if (request.cmd == KESTRIX_PAL_SADB_INTF_ATTACH) {
-    const bool attach = head->sadbhandle != 0;
-    ++(attach ? agent.counters.dbg_ctrs.p_intf_attach_req : agent.counters.dbg_ctrs.p_intf_detach_req);
-    pal_cmd_dbg_count(agent.counters, request.cmd, status, attach ? 1 : 0);
-  } else if (request.cmd == KESTRIX_PAL_ACL_MODIFY) {
+  // ACL modify is counted by its handler, with its sub-command.
+  if (request.cmd == KESTRIX_PAL_ACL_MODIFY) {
     ++agent.counters.dbg_ctrs.p_acl_insert_req;
     pal_cmd_dbg_count(agent.counters, request.cmd, status, 2);
   }

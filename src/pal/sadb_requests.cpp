@@ -58,6 +58,9 @@ ce_status_t kestrix_proc_sadb_delete(Agent& agent,
     uint32_t slot = 0;
     if (agent.tunnels.sadb_lookup(sadb, &slot) == CRYPTO_NO_ERR) {
       cpa_log(LOG_DEBUG, "SADB Lookup success CPA idx %d", slot);
+      // Nothing could reach the tunnel's peer record once the tunnel is gone,
+      // and it would hold its peer slot for the life of the process.
+      agent.peers.release_peer_of(*agent.tunnels.at(slot));
       agent.tunnels.kestrix_del_sadb(static_cast<int>(slot));
     }
     // Deleting a tunnel the agent does not know succeeds as well.

@@ -1,5 +1,5 @@
-// Narrow seams over the system: the monotonic clock and the shell. The agent
-// uses the real ones; tests hand in fakes.
+// Narrow seams over the system: the monotonic clock, the shell, and the calls
+// that manage network devices. The agent uses the real ones; tests hand in fakes.
 #pragma once
 
 #include <time.h>
@@ -19,6 +19,42 @@ class CommandRunner {
   virtual int run(const char* command) = 0;
 };
 
+// The outcome of one system call: what it returned, and errno when it failed.
+struct SysCallResult {
+  int rc;
+  int error;  // errno when rc < 0, else 0
+};
+
+// The system calls behind the tunnel devices: the descriptors opened for
+// ioctls, the ioctls, and the closes.
+class NetDeviceSysCalls {
+ public:
+  virtual ~NetDeviceSysCalls() = default;
+  virtual SysCallResult socket(int domain, int type, int protocol) = 0;
+  virtual SysCallResult open(const char* path, int flags) = 0;
+  virtual SysCallResult ioctl(int fd, unsigned long request, void* arg) = 0;
+  virtual SysCallResult close(int fd) = 0;
+};
+
+// A descriptor opened through a NetDeviceSysCalls, closed through it on every path.
+class SysCallFd {
+ public:
+  SysCallFd(NetDeviceSysCalls& sys, SysCallResult opened) : sys_(sys), opened_(opened) {}
+  SysCallFd(const SysCallFd&) = delete;
+  SysCallFd& operator=(const SysCallFd&) = delete;
+  ~SysCallFd() {
+    if (valid()) sys_.close(opened_.rc);
+  }
+
+  bool valid() const { return opened_.rc >= 0; }
+  int get() const { return opened_.rc; }
+  int error() const { return opened_.error; }  // errno of a failed open
+
+ private:
+  NetDeviceSysCalls& sys_;
+  SysCallResult opened_;
+};
+
 class SystemClock final : public Clock {
  public:
   timespec monotonic_now() override;
@@ -27,6 +63,14 @@ class SystemClock final : public Clock {
 class ShellCommandRunner final : public CommandRunner {
  public:
   int run(const char* command) override;
+};
+
+class KernelNetDeviceSysCalls final : public NetDeviceSysCalls {
+ public:
+  SysCallResult socket(int domain, int type, int protocol) override;
+  SysCallResult open(const char* path, int flags) override;
+  SysCallResult ioctl(int fd, unsigned long request, void* arg) override;
+  SysCallResult close(int fd) override;
 };
 
 }  // namespace cpa

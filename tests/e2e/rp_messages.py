@@ -48,3 +48,20 @@ def split_response(data):
     """(message_type, message_length, command, body) of a PAL response."""
     mtype, length, cmd = struct.unpack(">HHH", data[:6])
     return mtype, length, cmd, data[6:]
+
+
+def intf_attach(callback, sadb, tunnel_id, is_v6=0):
+    """SADB handle 0 asks for a detach."""
+    return pal(5, be32(callback) + be32(sadb) + be32(tunnel_id) + be32(is_v6))
+
+
+def peer_insert(callback, create, peer, sadb, params=(0,) * 7, ports=(0, 0)):
+    """`params`: do_idle_timer, idle_timer_setting, idle_timer_handle, do_dpd,
+    dpd_threshold, dpd_handle, do_translation; then the inside and outside
+    remote ports."""
+    return pal(11, be32(callback) + be32(create) + be32(peer) + be32(sadb) +
+               b"".join(be32(v) for v in params) + be16(ports[0]) + be16(ports[1]))
+
+
+def peer_delete(callback, sadb, peer):
+    return pal(12, be32(callback) + be32(sadb) + be32(peer))

@@ -6,13 +6,14 @@
 
 #include "daemon/agent.h"
 #include "fakes/fake_system.h"
+#include "fakes/fake_net_devices.h"
 #include "fakes/log_capture.h"
 #include "pal/pal_dispatcher.h"
 
 namespace cpa::test {
 
 struct TestAgent {
-  explicit TestAgent(AgentSettings settings = {}) : agent(settings, AgentSeams{clock, commands, rp}) {}
+  explicit TestAgent(AgentSettings settings = {}) : agent(settings, AgentSeams{clock, commands, rp, devices}) {}
 
   // Delivers one datagram; the buffer is exactly as long as the datagram so
   // that a read past its end is caught by the address sanitizer.
@@ -31,6 +32,7 @@ struct TestAgent {
   FakeClock clock;
   FakeCommandRunner commands;
   RecordingOutbox rp;
+  FakeNetDevices devices;
   Agent agent;
 };
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "daemon/agent.h"
+#include "fakes/fake_net_devices.h"
 #include "fakes/fake_system.h"
 #include "fakes/null_log.h"
 #include "pal/pal_dispatcher.h"
@@ -17,7 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   cpa::test::FakeClock clock;
   cpa::test::FakeCommandRunner commands;
   cpa::test::RecordingOutbox rp;
-  cpa::Agent agent({}, {clock, commands, rp});
+  cpa::test::FakeNetDevices devices;
+  cpa::Agent agent({}, {clock, commands, rp, devices});
   while (size >= 2) {
     size_t length = (static_cast<size_t>(data[0]) << 8 | data[1]) % 2049;
     data += 2;

@@ -1,0 +1,201 @@
+#include "platform/tunnel_devices.h"
+
+#include <fcntl.h>
+#include <linux/if_tun.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "diag/log.h"
+#include "wire/ip_tunnel_parm.h"
+
+namespace cpa {
+namespace {
+
+constexpr char kSvtiPrefix[] = "svti";
+constexpr size_t kSvtiPrefixLength = sizeof kSvtiPrefix - 1;
+
+bool name_fits(const char* ifname) {
+  if (!ifname) {
+    cpa_log(LOG_DEBUG, "Null ifname");
+    return false;
+  }
+  if (std::strlen(ifname) > kTunnelNameSize) {
+    cpa_log(LOG_ERR, "ifname size cannot be > %d", static_cast<int>(kTunnelNameSize));
+    return false;
+  }
+  return true;
+}
+
+// An ifreq addressing `name`, which name_fits() has accepted.
+ifreq named_ifreq(const char* name) {
+  ifreq ifr{};
+  std::memcpy(ifr.ifr_name, name, strnlen(name, IFNAMSIZ));
+  return ifr;
+}
+
+ip_tunnel_parm tunnel_parm(const char* name, uint8_t protocol) {
+  ip_tunnel_parm parm{};
+  std::memcpy(parm.name, name, strnlen(name, kTunnelNameSize));
+  parm.iph.version_ihl = kIpv4HeaderTemplate;
+  parm.iph.protocol = protocol;
+  return parm;
+}
+
+// The socket the device ioctls go through; a failure to open it is logged.
+SysCallFd ioctl_socket(NetDeviceSysCalls& sys) {
+  const SysCallResult opened = sys.socket(AF_INET, SOCK_DGRAM, 0);
+  if (opened.rc < 0) cpa_log(LOG_ERR, "socket failed: %s", std::strerror(opened.error));
+  return SysCallFd(sys, opened);
+}
+
+void print_ioctl_error(int error) { std::fprintf(stderr, "ioctl: %s\n", std::strerror(error)); }
+
+// ---- the stand-in: a persistent tun device of the tunnel's name ----------
+
+// Attaches to the tun device `ifname` (creating it when absent) and sets its
+// persistence; a device that is not persistent vanishes when the last
+// descriptor on it closes. 0 or an errno.
+int tun_set_persist(NetDeviceSysCalls& sys, const char* ifname, bool persist) {
+  SysCallFd tun(sys, sys.open(kTunControlPath, O_RDWR));
+  if (!tun.valid()) return tun.error();
+  ifreq ifr = named_ifreq(ifname);
+  ifr.ifr_flags = IFF_TUN | IFF_NO_PI;
+  if (const SysCallResult r = sys.ioctl(tun.get(), TUNSETIFF, &ifr); r.rc < 0) return r.error;
+  const SysCallResult r =
+      sys.ioctl(tun.get(), TUNSETPERSIST, reinterpret_cast<void*>(uintptr_t{persist}));
+  return r.rc < 0 ? r.error : 0;
+}
+
+bool device_exists(NetDeviceSysCalls& sys, int s, const char* ifname) {
+  ifreq ifr = named_ifreq(ifname);
+  return sys.ioctl(s, SIOCGIFINDEX, &ifr).rc >= 0;
+}
+
+// Answers an existing device with EEXIST, as the control device does, so
+// that a stale device is replaced the same way on either kernel.
+int standin_create(NetDeviceSysCalls& sys, int s, const char* ifname) {
+  if (device_exists(sys, s, ifname)) return EEXIST;
+  return tun_set_persist(sys, ifname, true);
+}
+
+int standin_delete(NetDeviceSysCalls& sys, int s, const char* ifname) {
+  if (!device_exists(sys, s, ifname)) return ENODEV;
+  return tun_set_persist(sys, ifname, false);
+}
+
+// ---- the tunnel ioctls, falling back to the stand-in per call ------------
+
+// The control device is missing: a stock kernel.
+bool no_control_device(int error) { return error == ENODEV || error == ENXIO; }
+
+int add_tunnel(NetDeviceSysCalls& sys, int s, const char* ifname) {
+  ip_tunnel_parm parm = tunnel_parm(ifname, IPPROTO_ESP);
+  ifreq ifr = named_ifreq(kSvtiControlDevice);
+  ifr.ifr_data = reinterpret_cast<char*>(&parm);
+  const SysCallResult r = sys.ioctl(s, kSiocAddTunnel, &ifr);
+  if (r.rc >= 0) return 0;
+  return no_control_device(r.error) ? standin_create(sys, s, ifname) : r.error;
+}
+
+int delete_tunnel(NetDeviceSysCalls& sys, int s, const char* ifname) {
+  ip_tunnel_parm parm = tunnel_parm("", 0);
+  ifreq ifr = named_ifreq(ifname);
+  ifr.ifr_data = reinterpret_cast<char*>(&parm);
+  const SysCallResult r = sys.ioctl(s, kSiocDelTunnel, &ifr);
+  if (r.rc >= 0) return 0;
+  // The delete addresses the device itself: a stock kernel answers ENODEV
+  // for a missing one and EOPNOTSUPP for the stand-in's tun device.
+  const bool stock_kernel = no_control_device(r.error) || r.error == EOPNOTSUPP;
+  return stock_kernel ? standin_delete(sys, s, ifname) : r.error;
+}
+
+bool delete_stale(NetDeviceSysCalls& sys, const char* ifname) {
+  cpa_log(LOG_INFO, "SVTI interface %s, tunnelId %d already exists", ifname,
+          kestrix_ifname_to_tunid(ifname));
+  cpa_log(LOG_INFO, "Deleting stale SVTI interface %s", ifname);
+  if (svti_del(sys, ifname) != 0) return false;
+  cpa_log(LOG_DEBUG, "---svti deleted [%s]", ifname);
+  cpa_log(LOG_INFO, "ReCreating SVTI interface %s", ifname);
+  return true;
+}
+
+}  // namespace
+
+std::string kestrix_tunid_to_ifname(uint32_t tunnel_id) {
+  return kSvtiPrefix + std::to_string(tunnel_id);
+}
+
+int kestrix_ifname_to_tunid(const char* ifname) {
+  if (!name_fits(ifname) || std::strncmp(ifname, kSvtiPrefix, kSvtiPrefixLength) != 0) return -1;
+  // Read like "%d": leading blanks and a sign are taken, trailing text is ignored.
+  const char* digits = ifname + kSvtiPrefixLength;
+  char* end = nullptr;
+  const long id = std::strtol(digits, &end, 10);
+  if (end == digits || id < 0 || id > INT_MAX) return -1;
+  return static_cast<int>(id);
+}
+
+int svti_add(NetDeviceSysCalls& sys, const char* ifname) {
+  if (!name_fits(ifname)) return 1;
+  const SysCallFd s = ioctl_socket(sys);
+  if (!s.valid()) return 1;
+  // A stale device is replaced once; should the new one collide again,
+  // something else keeps creating it and the attach fails.
+  for (bool replaced = false;; replaced = true) {
+    const int error = add_tunnel(sys, s.get(), ifname);
+    if (error == 0) break;
+    cpa_log(LOG_ERR, "ioctl : %s- %s", ifname, std::strerror(error));
+    print_ioctl_error(error);
+    if (error != EEXIST || replaced || !delete_stale(sys, ifname)) {
+      cpa_log(LOG_ERR, "interface already exists");
+      return 1;
+    }
+  }
+  cpa_log(LOG_INFO, "Created SVTI interface %s", ifname);
+  const int rc = setifflags(sys, s.get(), ifname, IFF_UP);
+  cpa_log(LOG_DEBUG, "svti add returns err %d", rc);
+  return rc;
+}
+
+int svti_del(NetDeviceSysCalls& sys, const char* ifname) {
+  if (!name_fits(ifname)) return 1;
+  const SysCallFd s = ioctl_socket(sys);
+  if (!s.valid()) return 1;
+  const int error = delete_tunnel(sys, s.get(), ifname);
+  if (error == 0) return 0;
+  cpa_log(LOG_ERR, "ioctl: failed");
+  print_ioctl_error(error);
+  return 1;
+}
+
+int setifflags(NetDeviceSysCalls& sys, int s, const char* vname, int value) {
+  ifreq ifr = named_ifreq(vname);
+  if (const SysCallResult r = sys.ioctl(s, SIOCGIFFLAGS, &ifr); r.rc < 0) {
+    cpa_log(LOG_DEBUG, "socket failed: %s", std::strerror(r.error));
+    return 1;
+  }
+  const auto flags = static_cast<uint16_t>(ifr.ifr_flags);
+  const auto bits = static_cast<uint16_t>(value < 0 ? -static_cast<long>(value) : value);
+  ifr.ifr_flags = static_cast<short>(value < 0 ? flags & ~bits : flags | bits);
+  SysCallResult r = sys.ioctl(s, SIOCSIFFLAGS, &ifr);
+  if (r.rc >= 0) {
+    ifreq mtu = named_ifreq(vname);
+    mtu.ifr_mtu = kSvtiMtu;
+    r = sys.ioctl(s, SIOCSIFMTU, &mtu);
+  }
+  if (r.rc < 0) {
+    cpa_log(LOG_ERR, "socket failed: %s", std::strerror(r.error));
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace cpa

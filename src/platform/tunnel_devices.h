@@ -1,0 +1,37 @@
+// The tunnels' SVTI devices: "svti" followed by the tunnel id. They are made
+// and removed through the platform kernel's tunnel control device, and
+// brought up with the tunnel MTU. On a kernel without that control device a
+// persistent tun device of the same name stands in, so that the device still
+// exists, has an interface index and carries traffic settings.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/system_ports.h"
+
+namespace cpa {
+
+inline constexpr int kSvtiMtu = 9160;
+inline constexpr const char* kSvtiControlDevice = "svti_cfg";
+inline constexpr const char* kTunControlPath = "/dev/net/tun";
+
+// "svti" followed by the tunnel id in unsigned decimal.
+std::string kestrix_tunid_to_ifname(uint32_t tunnel_id);
+
+// The number behind the "svti" prefix, or -1.
+int kestrix_ifname_to_tunid(const char* ifname);
+
+// Creates the device and brings it up; a device of that name left from an
+// earlier run is deleted and created again. 0 on success, 1 on failure.
+int svti_add(NetDeviceSysCalls& sys, const char* ifname);
+
+// Deletes the device. 0 on success, 1 on failure.
+int svti_del(NetDeviceSysCalls& sys, const char* ifname);
+
+// Sets the device's flags from `value` (a negative value clears the bits of
+// its magnitude, a positive one sets them) and its MTU to the tunnel MTU,
+// through the open socket `s`. 0 on success, 1 on failure.
+int setifflags(NetDeviceSysCalls& sys, int s, const char* vname, int value);
+
+}  // namespace cpa

@@ -1,0 +1,67 @@
+// A fake kernel behind the network-device system calls: it keeps a table of
+// devices, answers the tunnel, interface and tun ioctls the way a kernel does
+// (with or without the platform's tunnel control device), fails any call a
+// test asks it to, and tracks every descriptor so that leaks and double
+// closes show.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/system_ports.h"
+#include "wire/ip_tunnel_parm.h"
+
+namespace cpa::test {
+
+class FakeNetDevices final : public NetDeviceSysCalls {
+ public:
+  struct Device {
+    int ifindex = 0;
+    uint16_t flags = 0;
+    int mtu = 1500;
+    bool tun = false;         // made through /dev/net/tun (else by the control device)
+    bool persistent = false;  // a tun device that outlives its descriptors
+  };
+
+  SysCallResult socket(int domain, int type, int protocol) override;
+  SysCallResult open(const char* path, int flags) override;
+  SysCallResult ioctl(int fd, unsigned long request, void* arg) override;
+  SysCallResult close(int fd) override;
+
+  // A device that exists before the agent acts, as one left by an earlier run.
+  void add_device(const std::string& name, bool tun = true);
+  const Device* device(const std::string& name) const;
+  int open_descriptors() const { return static_cast<int>(fds_.size()); }
+
+  // Knobs.
+  bool control_device = false;        // the platform's "svti_cfg" exists
+  std::map<unsigned long, int> fail;  // ioctl request -> errno of every such call
+  int fail_socket = 0;                // errno of socket(), 0: succeeds
+  int fail_open = 0;                  // errno of open(), 0: succeeds
+
+  // What was seen.
+  std::vector<unsigned long> ioctls;              // every ioctl request, in order
+  std::vector<std::string> tunnel_ioctl_targets;  // ifr_name of each tunnel ioctl
+  std::vector<ip_tunnel_parm> tunnel_parms;       // the record of each tunnel ioctl
+  int bad_closes = 0;                             // closes of descriptors not open
+
+ private:
+  struct Descriptor {
+    bool tun = false;
+    std::string attached;  // the tun device this descriptor holds
+  };
+  SysCallResult socket_ioctl(unsigned long request, void* arg);
+  SysCallResult tun_ioctl(Descriptor& fd, unsigned long request, void* arg);
+  SysCallResult tunnel_ioctl(unsigned long request, void* arg);
+  SysCallResult new_descriptor(bool tun);
+  Device& create(const std::string& name, bool tun);
+
+  std::map<std::string, Device> devices_;
+  std::map<int, Descriptor> fds_;
+  int next_fd_ = 100;
+  int next_ifindex_ = 2;
+};
+
+}  // namespace cpa::test
