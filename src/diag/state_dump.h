@@ -2,6 +2,7 @@
 #pragma once
 
 #include "state/peer_table.h"
+#include "state/policy_records.h"
 #include "state/tunnel_table.h"
 
 namespace cpa {
@@ -11,6 +12,11 @@ void kestrix_dump_cpa_intf(const cpa_interface_t* cpa_elem, int i);
 
 // Dumps one peer record; not part of the tunnel dump.
 void kestrix_dump_cpa_peer_params(const cdh_peer_parameters* peer);
+
+void kestrix_dump_policy_lst(const PolicyList& head);
+void kestrix_dump_ace_lst(const AceList& ace_entry);
+void kestrix_dump_ace(const ace_netlink_t& ace);
+void kestrix_dump_action(const kestrix_cdh_action& act);
 
 // Dumps every tunnel of the table, numbered from 0.
 void kestrix_dump_all_tunnels(const TunnelTable& tunnels);

@@ -58,6 +58,9 @@ ce_status_t TunnelTable::create_alloc_sadbhdl(const kestrix_pal_initialize_start
   return CRYPTO_NO_ERR;
 }
 
+// Releasing the record releases what the agent still holds for the tunnel
+// (its policies with their ACEs), so a tunnel deleted in any state leaks
+// nothing; kernel objects with its reqid stay, the RP removes them first.
 ce_status_t TunnelTable::kestrix_del_sadb(int index) {
   if (index < 1 || index >= kSlots) {
     cpa_log(LOG_ERR, "index lesser than max tunnels");

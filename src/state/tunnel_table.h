@@ -8,6 +8,7 @@
 #include <optional>
 #include <unordered_map>
 
+#include "state/policy_records.h"
 #include "wire/pal_messages.h"
 
 namespace cpa {
@@ -17,11 +18,12 @@ inline constexpr uint8_t kIpProtoEsp = 50;
 inline constexpr uint8_t kIpProtoAh = 51;
 
 // One tunnel. Every field is host order except `attribute` and `value`,
-// which keep the four bytes the RP sent.
+// which keep the four bytes the RP sent. The record owns its policies.
 struct cpa_interface_s {
   cdh_sadbhandle sadb_handle = 0;  // the slot number
   uint32_t reqid = 0;              // XFRM request id; equals the slot number
   uint32_t tunnelid = kUnattachedTunnel;
+  PolicyList head_policy;  // newest first
   uint32_t callback_handle = 0;
   uint32_t create_handle = 0;  // identifies the tunnel for duplicate detection
   int cmd_state = 0;

@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "fakes/log_capture.h"
 
 namespace cpa {
@@ -52,6 +54,92 @@ TEST(PeerDump, PrintsEveryFieldAsStored) {
        "outside_remote_port [4500]"},
   };
   EXPECT_EQ(log.lines(), expected);
+}
+
+constexpr int D = LOG_DEBUG;
+constexpr int I = LOG_INFO;
+
+TEST(StateDump, PoliciesWithTheirActionsAndAces) {
+  PolicyList policies;
+  auto older = new_record<cpa_spd_policy_t>();
+  older->static_seqno = 1;
+  older->dynamic_seqno = 2;
+  older->outbound.action = CDH_ACTION_FORWARD_PACKET;
+  insert_node_policy(policies, std::move(older));
+
+  auto newer = new_record<cpa_spd_policy_t>();
+  newer->static_seqno = 3;
+  newer->dynamic_seqno = 4;
+  newer->inbound.action = CDH_ACTION_DECRYPT_PACKET;
+  newer->inbound.data.decrypt = {0x51, 0x1000000102ull, 0x33, 0, 1, 68};
+  newer->outbound.action = CDH_ACTION_DISCARD_PACKET_NOTIFY_RP;
+  newer->outbound.data.notify_rp_handle = 0x77;
+  newer->inbound_deny.action = 7;
+  newer->outbound_deny.action = CDH_ACTION_ENCRYPT_PACKET;
+  newer->outbound_deny.data.encrypt = {97, 98, 0, 1};
+  auto ace = new_record<ace_netlink_t>();
+  ace->k_index = 42;
+  ace->dir = kAceDirOut;
+  ace->ace.ip_type = crypto_ace_ipv4;
+  ace->ace.type = kestrix_ace_deny_action;
+  ace->ace.seqno = 5;
+  ace->ace.handle = 7;
+  ace->ace.selector.ipv4 = {0x0A000001, 24, 0xC0A80101, 16, 17, 0, 0, {}, {}};
+  auto twin = new_record<ace_netlink_t>();
+  twin->ace.selector.ipv4 = {0xC0A80101, 16, 0x0A000001, 24, 17, 0, 0, {}, {}};
+  insert_node_ace(newer->ace_entry, std::move(ace));
+  insert_node_ace(newer->ace_entry, std::move(twin));
+  insert_node_policy(policies, std::move(newer));
+
+  test::LogCapture log;
+  kestrix_dump_policy_lst(policies);
+  EXPECT_EQ(
+      log.lines(),
+      std::vector<test::LogLine>({
+          {I, "***POLICY 0:"},
+          {D, "STATIC_SEQNO [3] DYNAMIC_SEQNO [4] "},
+          {I, "INBOUND action:"},
+          {D, "action: DECRYPT_PACKET"},
+          {D, "decrypt sa [0x51] post_decrypt_check [0x102]  post_decrypt_ivrf [0x33]reinject [1] "
+              "tunnel_id [68]"},
+          {I, "OUTBOUND action:"},
+          {D, "action: DISCARD_PACKET_NOTIFY_RP"},
+          {D, "notify_rp_handle [0x77]"},
+          {I, "INBOUND_DENY action:"},
+          {LOG_ERR, "action: INVALID"},
+          {I, "OUTBOUND_DENY action:"},
+          {D, "action: ENCRYPT_PACKET"},
+          {D, "encrypt.sa [97], encrypt.post_encrypt_fvrf [98], dummy_generate [1] "},
+          {I, "    KESTRIX ACES BEGIN"},
+          {I, "calling ace dump routne!"},
+          {I, "Kernel Index [0], direction [IN](0)"},
+          {D, "IP_TYPE [0] TYPE [0] seqno [0] reverse [0] handle [0] hint [0]\n"},
+          {D, "ACE: ip_type 0, type 0, seqno 0, reverse 0,handle 0, hint 0, ip4_local_addr "
+              "0xc0a80101 \n ip4_local_mask 16, ip4_rem_addr 0xa000001, ip4_rem_mask 24, protocol "
+              "17, any_port 0"},
+          {I, "calling ace dump routne!"},
+          {I, "Kernel Index [42], direction [OUT](1)"},
+          {D, "IP_TYPE [4] TYPE [2] seqno [5] reverse [0] handle [7] hint [0]\n"},
+          {D, "local_addr4 [010.000.000.001], local_mask4 [24], remote_addr4 [192.168.001.001], "
+              "remote_mask4 [16]\nprotocol [17], any_port [0]"},
+          {D, "ACE: ip_type 4, type 2, seqno 5, reverse 0,handle 7, hint 0, ip4_local_addr "
+              "0xa000001 \n ip4_local_mask 24, ip4_rem_addr 0xc0a80101, ip4_rem_mask 16, protocol "
+              "17, any_port 0"},
+          {I, "    KESTRIX ACES END"},
+          {I, "***POLICY 1:"},
+          {D, "STATIC_SEQNO [1] DYNAMIC_SEQNO [2] "},
+          {I, "INBOUND action:"},
+          {D, "action: DISCARD_PACKET"},
+          {I, "OUTBOUND action:"},
+          {D, "action: FORWARD_PACKET"},
+          {I, "INBOUND_DENY action:"},
+          {D, "action: DISCARD_PACKET"},
+          {I, "OUTBOUND_DENY action:"},
+          {D, "action: DISCARD_PACKET"},
+          {I, "    KESTRIX ACES BEGIN"},
+          {D, "NO ace in list to display!"},
+          {I, "    KESTRIX ACES END"},
+      }));
 }
 
 }  // namespace

@@ -103,5 +103,16 @@ TEST_F(SadbRequests, CompletedDeleteAndAttributeUpdateFollowTheTunnel) {
   EXPECT_EQ(ctrs.p_attr_update_req_resperr, 1u);
 }
 
+TEST_F(SadbRequests, DeleteReleasesWhatTheTunnelHolds) {
+  ask(init_start(0xA1, 0x500));
+  for (int i = 0; i < 2; ++i) {
+    auto policy = new_record<cpa_spd_policy_t>();
+    insert_node_ace(policy->ace_entry, new_record<ace_netlink_t>());
+    insert_node_policy(agent.agent.tunnels.at(1)->head_policy, std::move(policy));
+  }
+  EXPECT_EQ(ask(handles(3, 0xA2, 1)), response(3, Bytes().be32(0xA2).be32(1)));
+  EXPECT_EQ(agent.agent.tunnels.at(1), nullptr);  // the leak checker sees the rest
+}
+
 }  // namespace
 }  // namespace cpa

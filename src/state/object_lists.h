@@ -1,0 +1,105 @@
+// Singly linked lists of heap records (policies, ACEs, and later SAs and
+// cipher records), newest first. A list owns its head, every node owns its
+// successor; nodes are found by identity (address), never by content.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <new>
+
+#include "diag/log.h"
+
+namespace cpa {
+
+// The 32-bit form of an address used in log lines.
+inline unsigned log_addr(const void* p) {
+  return static_cast<unsigned>(reinterpret_cast<uintptr_t>(p));
+}
+
+// A new zero-filled record, or null when memory is exhausted.
+template <class T>
+std::unique_ptr<T> new_record() {
+  return std::unique_ptr<T>(new (std::nothrow) T());
+}
+
+// Base of every list record.
+template <class Node>
+struct ListNode {
+  ListNode() = default;
+  ListNode(const ListNode&) = delete;
+  ListNode& operator=(const ListNode&) = delete;
+  // Releases the tail one node at a time so that a long list cannot exhaust
+  // the stack through nested destructors.
+  ~ListNode() {
+    while (next) next = std::move(next->next);
+  }
+
+  std::unique_ptr<Node> next;
+};
+
+template <class Node>
+class ObjectList {
+ public:
+  template <class T>
+  class Iterator {
+   public:
+    explicit Iterator(T* node) : node_(node) {}
+    T& operator*() const { return *node_; }
+    T* operator->() const { return node_; }
+    Iterator& operator++() {
+      node_ = node_->next.get();
+      return *this;
+    }
+    bool operator==(const Iterator&) const = default;
+
+   private:
+    T* node_;
+  };
+
+  Node* head() const { return head_.get(); }
+  bool empty() const { return !head_; }
+  Iterator<Node> begin() { return Iterator<Node>(head_.get()); }
+  Iterator<Node> end() { return Iterator<Node>(nullptr); }
+  Iterator<const Node> begin() const { return Iterator<const Node>(head_.get()); }
+  Iterator<const Node> end() const { return Iterator<const Node>(nullptr); }
+
+  // Puts `node` at the head; 1 when there is no node.
+  int insert_node(std::unique_ptr<Node> node) {
+    if (!node) {
+      cpa_log(LOG_DEBUG, "ERROR: insert node 0x%x", 0u);
+      return 1;
+    }
+    node->next = std::move(head_);
+    head_ = std::move(node);
+    return 0;
+  }
+
+  // Takes `node` out of the list and hands it back; null, with the list
+  // unchanged, when the list is empty, `node` is null or not in the list.
+  std::unique_ptr<Node> unlink_node(const Node* node) {
+    if (!head_ || !node) {
+      cpa_log(LOG_ERR, "NULL pointer(s) passed");
+      return nullptr;
+    }
+    std::unique_ptr<Node>* link = &head_;
+    while (*link && link->get() != node) link = &(*link)->next;
+    if (!*link) {
+      cpa_log(LOG_ERR, "Node to delete not found 0x%x", log_addr(node));
+      return nullptr;
+    }
+    std::unique_ptr<Node> unlinked = std::move(*link);
+    *link = std::move(unlinked->next);
+    return unlinked;
+  }
+
+  void clear() { head_.reset(); }
+
+ private:
+  std::unique_ptr<Node> head_;
+};
+
+// Dotted text of a host-order IPv4 address, three digits per octet
+// ("010.000.000.001"): always 15 characters and the terminator.
+const char* kestrix_num2ip4(uint32_t ip, char (&buf)[16]);
+
+}  // namespace cpa

@@ -1,0 +1,221 @@
+#include "pal/acl_policy.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <vector>
+
+#include "fakes/log_capture.h"
+#include "fakes/test_agent.h"
+#include "support/acl_builder.h"
+
+namespace cpa {
+namespace {
+
+using test::acl_command;
+using test::AceSpec;
+using test::action_record;
+using test::Bytes;
+
+AceSpec ace(uint32_t handle, uint32_t ip_type = 4) {
+  AceSpec a;
+  a.ip_type = ip_type;
+  a.handle = handle;
+  a.local_addr = 0x0A000000 + handle;
+  a.local_port = {0, 1, {1000}};
+  return a;
+}
+
+struct Built {
+  ce_status_t status;
+  std::unique_ptr<cpa_spd_policy_t> policy;
+};
+
+// Runs the walk over exactly the bytes given, as the receive path would.
+Built build(const std::vector<uint8_t>& command, size_t message_length) {
+  const std::vector<uint8_t> exact(command);
+  Built out{CRYPTO_ERR_INTERNAL, nullptr};
+  out.status =
+      kestrix_alloc_set_policy(ReceivedBytes(exact.data(), exact.size()), message_length, &out.policy);
+  return out;
+}
+Built build(const std::vector<uint8_t>& command) { return build(command, command.size()); }
+
+std::vector<uint32_t> ace_handles(const cpa_spd_policy_t& policy) {
+  std::vector<uint32_t> out;
+  for (const ace_netlink_t& a : policy.ace_entry) out.push_back(a.ace.handle);
+  return out;
+}
+
+int error_lines(const test::LogCapture& log) {
+  const auto lines = log.lines();
+  return static_cast<int>(
+      std::count_if(lines.begin(), lines.end(), [](const auto& l) { return l.priority == LOG_ERR; }));
+}
+
+TEST(AclPolicy, BuildsAPolicyFromTheRecordStream) {
+  test::LogCapture log;
+  const auto command = acl_command(
+      2, {test::ace_record(KESTRIX_PAL_ACE_ACL_DESC, ace(1)),
+          action_record(KESTRIX_PAL_IN_ACTION, CDH_ACTION_FORWARD_PACKET),
+          action_record(KESTRIX_PAL_OUT_ACTION, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, Bytes().be32(0x77)),
+          action_record(KESTRIX_PAL_IN_DENY_ACTION, CDH_ACTION_DISCARD_PACKET),
+          action_record(KESTRIX_PAL_OUT_DENY_ACTION, CDH_ACTION_ENCRYPT_PACKET, Bytes().be32(0x88)),
+          test::ace_record(KESTRIX_PAL_ACE_DECR_ACL_OUT_DENY_ACTION, ace(2)),
+          test::ace_record(KESTRIX_PAL_ACE_ACE_DESC, ace(3, 6))});
+  ASSERT_EQ(command.size(), 52u + 3 * 126 + 4 * 32);
+  const Built built = build(command);
+  ASSERT_EQ(built.status, CRYPTO_NO_ERR);
+  const cpa_spd_policy_t& policy = *built.policy;
+  EXPECT_EQ(policy.static_seqno, 0x21u);
+  EXPECT_EQ(policy.dynamic_seqno, 0x22u);
+  EXPECT_EQ(policy.desc.what_changed, 2u);
+  EXPECT_EQ(policy.desc.acl, 0u);
+  EXPECT_EQ(policy.inbound.action, CDH_ACTION_FORWARD_PACKET);
+  EXPECT_EQ(policy.outbound.data.notify_rp_handle, 0x77u);
+  EXPECT_EQ(policy.inbound_deny.action, CDH_ACTION_DISCARD_PACKET);
+  EXPECT_EQ(policy.outbound_deny.data.encrypt.sa, 0x88u);
+
+  // Every ACE kind becomes an outbound ACE, newest first; IPv6 is carried.
+  EXPECT_EQ(ace_handles(policy), (std::vector<uint32_t>{3, 2, 1}));
+  for (const ace_netlink_t& a : policy.ace_entry) {
+    EXPECT_EQ(a.dir, kAceDirOut);
+    EXPECT_EQ(a.k_index, 0);
+  }
+  EXPECT_EQ(policy.ace_entry.head()->ace.selector.ipv4.local_addr, 0u);
+  EXPECT_EQ(policy.ace_entry.head()->next->ace.selector.ipv4.local_port.port[0], 1000);
+
+  char inserted[64];
+  std::snprintf(inserted, sizeof inserted, "inserted ace_node 0x%x",
+                log_addr(policy.ace_entry.head()->next->next.get()));
+  EXPECT_TRUE(log.has(LOG_DEBUG, inserted));
+  EXPECT_EQ(log.count("KESTRIX_PAL_ACE_ACL_DESC"), 1);
+  EXPECT_TRUE(log.has(LOG_DEBUG, "\ncall handle 11, sadbhdl 1, static seqno 33, dyn seqno 34"));
+  EXPECT_TRUE(log.has(LOG_DEBUG,
+                      "\nwht_chnged 2, acl 5, ace 6,delete_ace 7, ivrf 8, num_old_ace_entries 9"));
+  EXPECT_EQ(error_lines(log), 0);
+}
+
+TEST(AclPolicy, LaterActionOfAKindWinsAndAnEmptyStreamBuildsAnEmptyPolicy) {
+  const Built twice = build(acl_command(
+      2, {action_record(KESTRIX_PAL_OUT_ACTION, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, Bytes().be32(1)),
+          action_record(KESTRIX_PAL_OUT_ACTION, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, Bytes().be32(2))}));
+  ASSERT_EQ(twice.status, CRYPTO_NO_ERR);
+  EXPECT_EQ(twice.policy->outbound.data.notify_rp_handle, 2u);
+
+  const Built empty = build(acl_command(5, {}));
+  ASSERT_EQ(empty.status, CRYPTO_NO_ERR);
+  EXPECT_TRUE(empty.policy->ace_entry.empty());
+  EXPECT_EQ(empty.policy->desc.what_changed, 5u);
+}
+
+TEST(AclPolicy, UnknownRecordKindsFailTheRequest) {
+  for (uint16_t kind : {0, 12, 0xFFFF}) {
+    test::LogCapture log;
+    const Built built =
+        build(acl_command(2, {test::ace_record(1, ace(1)), action_record(8, 0),
+                              Bytes().be16(kind).be16(28).zeros(28).vec()}));
+    EXPECT_EQ(built.status, CRYPTO_ERR_INVALID);
+    EXPECT_EQ(built.policy, nullptr);
+    EXPECT_EQ(log.count("ACL_UPDATE: bad acl_action [" + std::to_string(kind) + "] in PAL req"), 1);
+  }
+}
+
+TEST(AclPolicy, RecordsCutShortFailTheRequestWithoutReadingPastTheBytes) {
+  const auto full =
+      acl_command(2, {test::ace_record(1, ace(1)), action_record(9, CDH_ACTION_DISCARD_PACKET)});
+  const size_t n = full.size();  // 52 + 126 + 32
+  const std::vector<uint8_t> with_tail = Bytes().append(full).u8(0x00).vec();
+  struct Case {
+    std::vector<uint8_t> bytes;
+    size_t message_length;
+    const char* error;  // null: accepted
+  };
+  const Case cases[] = {
+      {{full.begin(), full.end() - 1}, n, "ACL_UPDATE: record at offset 178 passes the end of the PAL req (209 bytes)"},
+      {full, n - 1, "ACL_UPDATE: record at offset 178 passes the end of the PAL req (209 bytes)"},
+      {full, 100, "ACL_UPDATE: record at offset 52 passes the end of the PAL req (100 bytes)"},
+      {full, n + 40, "ACL_UPDATE: record at offset 210 passes the end of the PAL req (210 bytes)"},
+      {with_tail, n + 1, "ACL_UPDATE: record at offset 210 passes the end of the PAL req (211 bytes)"},
+      {with_tail, n, nullptr},  // bytes past message_length are not part of the request
+      {full, 52, nullptr},
+      {{full.begin(), full.begin() + 30}, 30, nullptr},
+  };
+  for (const Case& c : cases) {
+    test::LogCapture log;
+    const Built built = build(c.bytes, c.message_length);
+    SCOPED_TRACE(c.message_length);
+    if (!c.error) {
+      EXPECT_EQ(built.status, CRYPTO_NO_ERR);
+      EXPECT_EQ(error_lines(log), 0);
+      continue;
+    }
+    EXPECT_EQ(built.status, CRYPTO_ERR_INVALID);
+    EXPECT_EQ(built.policy, nullptr);
+    EXPECT_EQ(error_lines(log), 1);
+    EXPECT_TRUE(log.has(LOG_ERR, c.error));
+  }
+}
+
+// A tunnel in slot 1 holding policies built from ACE handle lists, oldest first.
+struct Tunnel {
+  explicit Tunnel(std::vector<std::vector<uint32_t>> policies) {
+    agent.deliver(test::pal_request(KESTRIX_PAL_SADB_INIT_START, Bytes().be32(1).be32(2).be32(0)));
+    for (const auto& handles : policies) {
+      auto policy = new_record<cpa_spd_policy_t>();
+      for (uint32_t h : handles) {
+        auto node = new_record<ace_netlink_t>();
+        node->ace.handle = h;
+        node->dir = h == 0 ? kAceDirIn : kAceDirOut;
+        insert_node_ace(policy->ace_entry, std::move(node));
+      }
+      insert_node_policy(record().head_policy, std::move(policy));
+    }
+  }
+  cpa_interface_t& record() { return *agent.agent.tunnels.at(1); }
+  test::TestAgent agent;
+};
+
+TEST(AclPolicy, MatchPolicyLooksAtEveryAceOfEveryPolicy) {
+  Tunnel tunnel({{5, 6}, {0, 7}});
+  ace_netlink_t probe;
+  for (uint32_t h : {5u, 6u, 7u, 0u}) {
+    probe.ace.handle = h;
+    EXPECT_EQ(match_policy(tunnel.record(), probe), 1) << h;
+  }
+  probe.ace.handle = 8;
+  EXPECT_EQ(match_policy(tunnel.record(), probe), 0);
+}
+
+TEST(AclPolicy, KernelIndexGoesToTheFirstAceOfItsDirectionInTheNewestPolicy) {
+  Tunnel tunnel({{9}, {1, 2, 0, 0}});  // newest policy walks 0, 0, 2, 1
+  TunnelTable& tunnels = tunnel.agent.agent.tunnels;
+  test::LogCapture log;
+  EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, 0x100, kAceDirOut), 0);
+  EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, 0x108, kAceDirOut), 0);
+  EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, 0x201, kAceDirIn), 0);
+  std::vector<int32_t> indexes;
+  for (const ace_netlink_t& a : tunnel.record().head_policy.head()->ace_entry)
+    indexes.push_back(a.k_index);
+  EXPECT_EQ(indexes, (std::vector<int32_t>{0x201, 0, 0x108, 0}));
+  EXPECT_EQ(tunnel.record().head_policy.head()->next->ace_entry.head()->k_index, 0);
+  char line[80];
+  std::snprintf(line, sizeof line, "index updated for ace 0x%x dir 1, index 0x108",
+                log_addr(tunnel.record().head_policy.head()->ace_entry.head()->next->next.get()));
+  EXPECT_TRUE(log.has(LOG_DEBUG, line));
+
+  log.clear();
+  EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, 5, 7), 1);  // no ACE of that direction
+  EXPECT_EQ(kestrix_policy_index_update(tunnels, 2, 0x12, kAceDirOut), 1);
+  EXPECT_EQ(log.lines(),
+            (std::vector<test::LogLine>{{LOG_ERR, "no ace found for dir 1, index 0x12"}}));
+  tunnel.record().head_policy.clear();
+  log.clear();
+  EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, 0x13, kAceDirIn), 1);
+  EXPECT_EQ(log.lines(),
+            (std::vector<test::LogLine>{{LOG_ERR, "no policy found for dir 0, index 0x13"}}));
+}
+
+}  // namespace
+}  // namespace cpa
