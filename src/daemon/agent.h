@@ -43,7 +43,7 @@ struct Agent {
   TunnelTable tunnels;
   PeerTable peers;
   NetlinkTransport nlink;  // kernel requests; its socket is attached at start-up
-  std::unique_ptr<KernelPolicyEvents> policy_events = std::make_unique<PolicylessTunnels>(tunnels);
+  std::unique_ptr<KernelPolicyEvents> policy_events = std::make_unique<TunnelPolicyEvents>(tunnels);
 };
 
 }  // namespace cpa

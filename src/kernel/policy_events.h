@@ -19,15 +19,17 @@ class KernelPolicyEvents {
   virtual int kestrix_notify_rp(const xfrm_user_acquire_64* acq, uint32_t index) = 0;
 };
 
-// The policy layer while no tunnel holds a policy: every event finds none.
-class PolicylessTunnels final : public KernelPolicyEvents {
+// The tunnels' policies as the kernel's events reach them. The index goes to
+// the newest policy's ACEs. The RP is not told of acquires yet: every acquire
+// ends as one for a tunnel whose policy has no notify-RP action.
+class TunnelPolicyEvents final : public KernelPolicyEvents {
  public:
-  explicit PolicylessTunnels(const TunnelTable& tunnels) : tunnels_(tunnels) {}
+  explicit TunnelPolicyEvents(TunnelTable& tunnels) : tunnels_(tunnels) {}
   int kestrix_policy_index_update(uint32_t index, uint32_t k_index, uint8_t dir) override;
   int kestrix_notify_rp(const xfrm_user_acquire_64* acq, uint32_t index) override;
 
  private:
-  const TunnelTable& tunnels_;
+  TunnelTable& tunnels_;
 };
 
 }  // namespace cpa

@@ -217,7 +217,7 @@ TEST(ListenerSocket, EndOfFileAndHardErrorsEndTheCall) {
   EXPECT_TRUE(t.log.has(LOG_ERR, "netlink receive error Bad file descriptor (9)\n"));
 }
 
-TEST(PolicylessTunnels, EveryEventFindsNoPolicy) {
+TEST(TunnelPolicyEvents, TheIndexReachesTheNewestPolicyAndNoAcquireIsAnswered) {
   TestAgent t;
   const kestrix_pal_initialize_start_req req{htonl(1), htonl(2), 0};
   cdh_sadbhandle handle = 0;
@@ -234,6 +234,15 @@ TEST(PolicylessTunnels, EveryEventFindsNoPolicy) {
                                                  {LOG_ERR, "outbound action not found for notify rp"},
                                                  {LOG_DEBUG, "Null acp"}}));
   EXPECT_TRUE(t.take_sent().empty());
+
+  auto policy = std::make_unique<cpa_spd_policy_t>();
+  auto ace = std::make_unique<ace_netlink_t>();
+  ace->dir = 1;
+  const ace_netlink_t* outbound = ace.get();
+  insert_node_ace(policy->ace_entry, std::move(ace));
+  insert_node_policy(t.agent.tunnels.at(1)->head_policy, std::move(policy));
+  EXPECT_EQ(events.kestrix_policy_index_update(1, 0x19, 1), 0);
+  EXPECT_EQ(outbound->k_index, 0x19);
 }
 
 }  // namespace
