@@ -65,7 +65,8 @@ bool NetlinkTransport::send_request(const uint8_t* buf, size_t len) {
   const ssize_t sent = sendto(nlsock_fd_.get(), buf, len, MSG_NOSIGNAL,
                               reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel);
   if (sent <= 0) {
-    cpa_log(LOG_ERR, "netlink send error %s (%d)\n", std::strerror(errno), errno);
+    const int err = errno;
+    cpa_log(LOG_ERR, "netlink send error %s (%d)\n", std::strerror(err), err);
     return false;
   }
   const uint32_t nlmsg_len = message_length(buf);

@@ -37,8 +37,8 @@ class NetlinkTransport {
   // The port id the kernel gives the request socket: the process id.
   uint32_t port_id() const { return port_id_; }
 
-  // Sends the request in `buf` (its header first; `nlmsg_seq` is written
-  // here) and waits for the kernel's answer, left in `answer`. Returns 0 when
+  // Sends the request in `buf` (a whole message, header first; `nlmsg_seq`
+  // is written here) and waits for the kernel's answer, left in `answer`. Returns 0 when
   // the kernel accepted the request (or answered a get with the object), 1
   // otherwise; a refusal leaves the kernel's error number in errno.
   int kestrix_nlink_send(uint8_t* buf, size_t len, uint8_t* answer, size_t recvsize);

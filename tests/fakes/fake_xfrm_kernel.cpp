@@ -35,7 +35,7 @@ constexpr size_t kTmplSize = 64, kTmplProto = 20, kTmplFamily = 24, kTmplReqid =
 // xfrm_algo and xfrm_algo_aead: name 0, key bits 64, (icv bits 68)
 constexpr size_t kAlgoSize = 68, kAeadSize = 72, kAlgoKeyBits = 64, kAeadIcvBits = 68;
 // xfrm_user_acquire_64
-constexpr size_t kAcqSize = 304, kAcqProto = 20, kAcqSelFamily = 40 + 40, kAcqPolicy = 96;
+constexpr size_t kAcqSize = 304, kAcqProto = 20, kAcqSel = 40, kAcqPolicy = 96;
 }  // namespace at
 
 constexpr uint16_t kNewSa = 16, kDelSa = 17, kGetSa = 18, kNewPolicy = 19, kDelPolicy = 20,
@@ -266,7 +266,7 @@ Message policy_event(uint16_t type, uint32_t pid, uint32_t index, uint8_t dir,
 Message acquire_event(std::optional<uint32_t> reqid) {
   Message body(at::kAcqSize, 0);
   put<uint8_t>(body, at::kAcqProto, 50);
-  put<uint16_t>(body, at::kAcqSelFamily, 2);
+  put<uint16_t>(body, at::kAcqSel + at::kSelFamily, 2);
   put<uint8_t>(body, at::kAcqPolicy + at::kPolDir, 1);
   if (reqid) append_attr(body, kAttrTmpl, template_for(*reqid));
   return nl_message(kAcquire, 0, 0, 0, body);
