@@ -37,12 +37,6 @@ xfrm_user_tmpl policy_template(const XfrmPolicyArgs& p) {
   return tmpl;
 }
 
-uint32_t append_svti_index(NetlinkTransport& nl, uint32_t tunnelid) {
-  const uint32_t svti = nl.get_svtiindex(tunnelid);
-  nl.append_attr(XFRMA_SVTI_IFINDEX, &svti, sizeof svti);
-  return svti;
-}
-
 void log_policy_from_kernel(const net_buf& answer) {
   const ReceivedBytes got(answer.data(), answer.size());
   const nlmsghdr nh = *got.read<nlmsghdr>(0);
@@ -66,8 +60,9 @@ int kestrix_nlink_policy_add(NetlinkTransport& nl, uint32_t update, const XfrmPo
   info.dir = policy.dir;
   info.action = policy.action;
   nl.begin_request(update ? XFRM_MSG_UPDPOLICY : XFRM_MSG_NEWPOLICY, nl.port_id(), &info, sizeof info);
-  const uint32_t svti = append_svti_index(nl, policy.tunnelid);
+  const uint32_t svti = nl.get_svtiindex(policy.tunnelid);
   cpa_log(LOG_DEBUG, "*** tunnelid %d n_tunnelid %d\n", policy.tunnelid, svti);
+  nl.append_attr(XFRMA_SVTI_IFINDEX, &svti, sizeof svti);
   const xfrm_user_tmpl tmpl = policy_template(policy);
   nl.append_attr(XFRMA_TMPL, &tmpl, sizeof tmpl);
   net_buf answer;
@@ -86,7 +81,8 @@ int kestrix_nlink_policy_getordel(NetlinkTransport& nl, uint32_t del, const Xfrm
   id.index = index;
   id.dir = policy.dir;
   nl.begin_request(del ? XFRM_MSG_DELPOLICY : XFRM_MSG_GETPOLICY, 0, &id, sizeof id);
-  append_svti_index(nl, policy.tunnelid);
+  const uint32_t svti = nl.get_svtiindex(policy.tunnelid);
+  nl.append_attr(XFRMA_SVTI_IFINDEX, &svti, sizeof svti);
   net_buf answer;
   const int rc = nl.send_req(answer);
   if (rc == 0 && !del) log_policy_from_kernel(answer);
