@@ -11,6 +11,7 @@
 #include "kernel/netlink_transport.h"
 #include "kernel/policy_events.h"
 #include "pal/rp_link.h"
+#include "pal/tunnel_policy_events.h"
 #include "platform/system_ports.h"
 #include "state/peer_table.h"
 #include "state/tunnel_table.h"
@@ -43,7 +44,9 @@ struct Agent {
   TunnelTable tunnels;
   PeerTable peers;
   NetlinkTransport nlink;  // kernel requests; its socket is attached at start-up
-  std::unique_ptr<KernelPolicyEvents> policy_events = std::make_unique<TunnelPolicyEvents>(tunnels);
+  // What the kernel listener reaches of the policy layer.
+  std::unique_ptr<KernelPolicyEvents> policy_events =
+      std::make_unique<TunnelPolicyEvents>(tunnels, sys.rp);
 };
 
 }  // namespace cpa

@@ -6,6 +6,7 @@
 
 #include "ceal/ceal_dispatcher.h"
 #include "diag/log.h"
+#include "pal/acl_modify.h"
 #include "pal/intf_attach.h"
 #include "pal/pal_request.h"
 #include "pal/peer_requests.h"
@@ -39,6 +40,11 @@ ce_status_t with_handle(Agent& agent, const PalRequest& request, kestrix_pal_res
   const ce_status_t status = Fn(agent, request.body.read_padded<Body>(0), &handle);
   record.with_handle.handle = handle;
   return status;
+}
+
+// The record stream is bounded by both what arrived and message_length.
+ce_status_t acl_modify(Agent& agent, const PalRequest& request, kestrix_pal_resp_t&) {
+  return kestrix_proc_acl_update_req(agent, request.command, request.message_length);
 }
 
 ce_status_t not_yet(Agent& agent, const PalRequest& request, kestrix_pal_resp_t&) {
@@ -99,7 +105,7 @@ const PalCommandEntry kPalCommands[] = {
     /* 6 */ kNoHandler,
     /* 7 */ kNoHandler,
     /* 8 */ kNoHandler,
-    /* 9 */ {not_yet, nullptr, "acl_Modify resp status %d", LOG_DEBUG, true, false},
+    /* 9 */ {acl_modify, nullptr, "acl_Modify resp status %d", LOG_DEBUG, true, false},
     /* 10 */ kNoHandler,
     /* 11 */ {with_handle<kestrix_pal_insert_peer_req, kestrix_proc_peer_insert_req>,
               &C::p_peer_insert_req, nullptr, 0, false, true},

@@ -15,9 +15,6 @@ struct PalRequest {
   uint16_t message_length;  // host order, as the header says (not trusted)
   ReceivedBytes command;    // from `pal_api_type`
   ReceivedBytes body;       // from the first body byte
-
-  // The bytes of the command that both arrived and lie within message_length.
-  ReceivedBytes command_within_length() const { return command.slice(0, message_length); }
 };
 
 }  // namespace cpa

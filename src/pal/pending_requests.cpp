@@ -9,11 +9,6 @@ ce_status_t kestrix_proc_not_yet_supported(Agent& agent, const PalRequest& reque
   const uint32_t callback = ntohl(head->callback_handle);
   agent.trace.pal_cmd_print(request.cmd, callback, 0, 0, 0);
   const ce_status_t status = CRYPTO_ERR_UNSUPPORTED;
-  // ACL modify is counted by its handler, with its sub-command.
-  if (request.cmd == KESTRIX_PAL_ACL_MODIFY) {
-    ++agent.counters.dbg_ctrs.p_acl_insert_req;
-    pal_cmd_dbg_count(agent.counters, request.cmd, status, 2);
-  }
   agent.trace.pal_cmd_print(request.cmd, callback, 0, 1, status);
   return status;
 }

@@ -260,6 +260,17 @@ static_assert(sizeof(kestrix_pal_crypto_notify_rp_req) == kPalUnionSize);
 static_assert(offsetof(kestrix_pal_crypto_notify_rp_req, tunnel_id) == 8);
 static_assert(offsetof(kestrix_pal_crypto_notify_rp_req, pkt_summary) == 16);
 
+// The whole notification datagram: the header's length counts the command
+// and the full request union.
+struct __attribute__((packed)) kestrix_pal_notify_rp_msg {
+  kestrix_cp_dp_msg_t header;
+  uint16_t pal_api_type;
+  kestrix_pal_crypto_notify_rp_req req;
+};
+static_assert(sizeof(kestrix_pal_notify_rp_msg) == 86);
+static_assert(offsetof(kestrix_pal_notify_rp_msg, pal_api_type) == kPalCommandOffset);
+static_assert(offsetof(kestrix_pal_notify_rp_msg, req) == kPalBodyOffset);
+
 // ---- responses ------------------------------------------------------------
 
 struct __attribute__((packed)) kestrix_pal_status_resp {
