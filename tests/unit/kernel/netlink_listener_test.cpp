@@ -217,33 +217,5 @@ TEST(ListenerSocket, EndOfFileAndHardErrorsEndTheCall) {
   EXPECT_TRUE(t.log.has(LOG_ERR, "netlink receive error Bad file descriptor (9)\n"));
 }
 
-TEST(TunnelPolicyEvents, TheIndexReachesTheNewestPolicyAndNoAcquireIsAnswered) {
-  TestAgent t;
-  const kestrix_pal_initialize_start_req req{htonl(1), htonl(2), 0};
-  cdh_sadbhandle handle = 0;
-  t.agent.tunnels.create_alloc_sadbhdl(req, &handle);
-  t.log.clear();
-  KernelPolicyEvents& events = *t.agent.policy_events;
-  EXPECT_EQ(events.kestrix_policy_index_update(1, 0x19, 1), 1);
-  EXPECT_EQ(events.kestrix_policy_index_update(2, 0x1a, 2), 1);
-  const xfrm_user_acquire_64 acq{};
-  EXPECT_EQ(events.kestrix_notify_rp(&acq, 1), 1);
-  EXPECT_EQ(events.kestrix_notify_rp(nullptr, 1), 1);
-  EXPECT_EQ(t.log.lines(), (std::vector<LogLine>{{LOG_ERR, "no policy found for dir 1, index 0x19"},
-                                                 {LOG_ERR, "no ace found for dir 2, index 0x1a"},
-                                                 {LOG_ERR, "outbound action not found for notify rp"},
-                                                 {LOG_DEBUG, "Null acp"}}));
-  EXPECT_TRUE(t.take_sent().empty());
-
-  auto policy = std::make_unique<cpa_spd_policy_t>();
-  auto ace = std::make_unique<ace_netlink_t>();
-  ace->dir = 1;
-  const ace_netlink_t* outbound = ace.get();
-  insert_node_ace(policy->ace_entry, std::move(ace));
-  insert_node_policy(t.agent.tunnels.at(1)->head_policy, std::move(policy));
-  EXPECT_EQ(events.kestrix_policy_index_update(1, 0x19, 1), 0);
-  EXPECT_EQ(outbound->k_index, 0x19);
-}
-
 }  // namespace
 }  // namespace cpa::test
