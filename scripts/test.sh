@@ -33,7 +33,9 @@ for fuzzer in build-fuzz/*_fuzzer; do
   corpus="build-fuzz/corpus/$(basename "$fuzzer")"
   mkdir -p "$corpus"
   log="build-fuzz/$(basename "$fuzzer").log"
-  if ! "$fuzzer" -max_total_time="$fuzz_seconds" -max_len=4096 "$corpus" >"$log" 2>&1; then
+  seeds="tests/fuzz/seeds/$(basename "$fuzzer")"  # read, never written
+  [ -d "$seeds" ] || seeds=""
+  if ! "$fuzzer" -max_total_time="$fuzz_seconds" -max_len=4096 "$corpus" $seeds >"$log" 2>&1; then
     tail -n 60 "$log"
     echo "fuzz target $(basename "$fuzzer") failed" >&2
     exit 1

@@ -83,6 +83,15 @@ class FakeKernel:
             raise AssertionError(f"fake kernel did not answer {line!r}")
         return [l for l in self.lines if l in ("ok", "bad command")][self.sent - 1] == "ok"
 
+    def policies(self):
+        """The fake kernel's policy table, one line per policy (see the server)."""
+        with self.cond:
+            mark = len(self.lines)
+        if not self.command("policies"):
+            raise AssertionError("policies command refused")
+        with self.cond:
+            return [l for l in self.lines[mark:] if l.startswith("policy ")]
+
     def multicast(self, groups, message):
         return self.command(f"raw {groups} {message.hex()}")
 

@@ -65,3 +65,31 @@ def peer_insert(callback, create, peer, sadb, params=(0,) * 7, ports=(0, 0)):
 
 def peer_delete(callback, sadb, peer):
     return pal(12, be32(callback) + be32(sadb) + be32(peer))
+
+
+def ace_record(handle, local, local_mask, remote, remote_mask, protocol=17, ports=(0, 0),
+               ace_type=0, ip_type=4, kind=1):
+    """An ACE record (126 bytes): addresses as integers, `ports` (local, remote)."""
+    def port_list(port):
+        return be32(0) + bytes([1]) + be16(port) + bytes(18)
+    body = (be32(ip_type) + be32(ace_type) + be16(0) + be32(0) + be32(handle) +
+            be32(local) + be32(local_mask) + be32(remote) + be32(remote_mask) +
+            be16(protocol) + bytes(2) + be32(0) + port_list(ports[0]) + port_list(ports[1]) +
+            bytes(26) + be32(0))
+    return be16(kind) + be16(122) + body
+
+
+def action_record(kind, action, data=b""):
+    """An action record (32 bytes): kind 8-11, the action code, its first data bytes."""
+    return be16(kind) + be16(28) + be32(action) + data + bytes(24 - len(data))
+
+
+def notify_actions(notify_handle):
+    """The four actions of a policy whose outbound action notifies the RP."""
+    return (action_record(8, 0) + action_record(9, 1, be32(notify_handle)) +
+            action_record(10, 2) + action_record(11, 0))
+
+
+def acl_modify(callback, sadb, opcode, records=b"", seqnos=(0x21, 0x22)):
+    return pal(9, be32(callback) + be32(sadb) + be32(seqnos[0]) + be32(seqnos[1]) + be32(opcode) +
+               be64(5) + be64(6) + be64(7) + be16(8) + be32(9) + records)

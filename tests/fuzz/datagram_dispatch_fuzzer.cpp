@@ -2,7 +2,9 @@
 // CEAL dispatch and every handler, each in a buffer exactly as long as the
 // datagram. The input is a sequence of datagrams: a 2-byte length, then that
 // many bytes (at most one receive buffer's worth), so that sequences of
-// requests (create, attach, delete...) are explored as well.
+// requests (create, attach, ACL modify, delete...) are explored as well. The
+// kernel requests go to a fake platform kernel of the input's own, so that
+// ACL modifications reach the policy code and the kernel's answers.
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -10,6 +12,7 @@
 #include "daemon/agent.h"
 #include "fakes/fake_net_devices.h"
 #include "fakes/fake_system.h"
+#include "fakes/fake_xfrm_kernel.h"
 #include "fakes/null_log.h"
 #include "pal/pal_dispatcher.h"
 
@@ -20,6 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   cpa::test::RecordingOutbox rp;
   cpa::test::FakeNetDevices devices;
   cpa::Agent agent({}, {clock, commands, rp, devices});
+  cpa::test::FakeXfrmKernel kernel;
+  agent.nlink.attach(kernel.request_socket());
   while (size >= 2) {
     size_t length = (static_cast<size_t>(data[0]) << 8 | data[1]) % 2049;
     data += 2;

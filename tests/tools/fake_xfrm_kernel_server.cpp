@@ -9,6 +9,8 @@
 //   acquire <reqid>|none                     multicast an acquire (acquire group)
 //   policy <type> <pid> <index> <dir> <reqid>|none   multicast a policy event (policy group)
 //   raw <group mask> <hex bytes>             multicast these bytes
+//   policies                                 print the policy table, one line each:
+//     "policy index=9 dir=1 action=0 10.0.0.1/24:1001>192.168.1.1/16:2001 proto=17 svti=2 reqid=1 tmpl=50/0"
 // Each command is answered with "ok" or "bad command". It stops at end of input.
 #include <cstdio>
 #include <iostream>
@@ -33,6 +35,22 @@ std::optional<uint32_t> reqid_arg(const std::string& word) {
   return static_cast<uint32_t>(std::stoul(word, nullptr, 0));
 }
 
+// The selector's addresses and ports are in network order, as requested.
+std::string describe(const cpa::test::FakePolicy& p) {
+  const auto& s = p.selector;
+  const auto addr = [&](size_t at) {
+    return std::to_string(s[at]) + "." + std::to_string(s[at + 1]) + "." + std::to_string(s[at + 2]) + "." +
+           std::to_string(s[at + 3]);
+  };
+  const auto port = [&](size_t at) { return std::to_string(s[at] << 8 | s[at + 1]); };
+  char tail[96];
+  std::snprintf(tail, sizeof tail, " proto=%u svti=%u reqid=%u tmpl=%u/%u", s[44], p.svti, p.reqid, p.tmpl[20],
+                p.tmpl[48]);
+  return "policy index=" + std::to_string(p.index) + " dir=" + std::to_string(p.dir) +
+         " action=" + std::to_string(p.action) + " " + addr(16) + "/" + std::to_string(s[43]) + ":" + port(36) +
+         ">" + addr(0) + "/" + std::to_string(s[42]) + ":" + port(32) + tail;
+}
+
 cpa::test::Message hex_bytes(const std::string& hex) {
   cpa::test::Message out;
   for (size_t i = 0; i + 1 < hex.size(); i += 2)
@@ -55,6 +73,8 @@ bool run(cpa::test::FakeXfrmKernel& kernel, const std::string& line) {
     kernel.multicast(cpa::test::kGroupPolicy,
                      cpa::test::policy_event(static_cast<uint16_t>(type), pid, index,
                                              static_cast<uint8_t>(dir), reqid_arg(reqid)));
+  } else if (verb == "policies") {
+    for (const cpa::test::FakePolicy& p : kernel.policies()) say(describe(p));
   } else if (verb == "raw") {
     uint32_t groups;
     std::string hex;

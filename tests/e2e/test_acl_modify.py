@@ -1,0 +1,126 @@
+"""ACL modify over UDP: the real binary attached to the fake platform kernel
+(kernel policy table, the kernel's index announcements, acquires turned into
+notifications to the RP, the SIGINT dump), and against the stock kernel,
+which refuses the platform's policy messages."""
+
+import signal
+import socket
+import unittest
+
+from fake_kernel import FakeKernel, GROUP_POLICY, acquire
+from rp_messages import (ace_record, acl_modify, be16, be32, init_start, intf_attach,
+                         notify_actions)
+from sandbox import AgentTestCase, LOG_DEBUG, LOG_ERR, LOG_INFO
+
+CALLBACK = 0xCBCBCBCB
+TUNNEL_ID = 7
+
+
+def answer(status, callback=CALLBACK):
+    return be16(0) + be16(14) + be16(9) + be32(callback) + be32(status)
+
+
+def ace(handle):
+    """Local 10.0.0.h/24 port 1000+h, remote 192.168.h.1/16 port 2000+h, UDP."""
+    return ace_record(handle, 0x0A000000 + handle, 24, 0xC0A80001 + (handle << 8), 16,
+                      ports=(1000 + handle, 2000 + handle))
+
+
+def kernel_pair(h, svti, out_index, in_index):
+    """The fake kernel's lines for the outbound and inbound policy of ace(h)."""
+    local, remote = f"10.0.0.{h}/24:{1000 + h}", f"192.168.{h}.1/16:{2000 + h}"
+    tail = f"proto=17 svti={svti} reqid=1 tmpl=50/0"
+    return [f"policy index={out_index} dir=1 action=0 {local}>{remote} {tail}",
+            f"policy index={in_index} dir=0 action=0 {remote}>{local} {tail}"]
+
+
+class AclModifyOnFakeKernel(AgentTestCase):
+    def setUp(self):
+        super().setUp()
+        self.kernel = FakeKernel()
+        self.addCleanup(self.kernel.close)
+        self.agent = self.start_agent("-d", "7", env=self.kernel.env())
+        self.assertTrue(self.kernel.wait_line("bound groups=0x8 pid=0"))
+        self.rp_client = self.rp()
+        self.assertEqual(len(self.rp_client.request(init_start(1, 0x100))), 18)  # tunnel 1
+        self.assertEqual(self.rp_client.request(intf_attach(2, 1, TUNNEL_ID))[-4:], be32(1))
+        self.svti = socket.if_nametoindex(f"svti{TUNNEL_ID}")
+
+    def modify(self, opcode, records=b""):
+        return self.rp_client.request(acl_modify(CALLBACK, 1, opcode, records))
+
+    def test_install_replace_and_remove_reach_the_kernel_and_answer_the_rp(self):
+        self.assertEqual(self.modify(2, ace(1) + notify_actions(0xABCD)), answer(1))
+        self.assertEqual(self.kernel.policies(), kernel_pair(1, self.svti, 9, 16))
+        self.assertLogged(self.agent, "acl_Modify resp status 1", LOG_DEBUG)
+        # The same ACL again is a duplicate: answered success, nothing reaches the kernel.
+        self.assertEqual(self.modify(2, ace(1) + notify_actions(0xABCD)), answer(1))
+        self.assertLogged(self.agent, "Duplicate policy found. Returning no error\n", LOG_DEBUG)
+
+        # The kernel announces both policies; their indexes reach the ACEs,
+        # so the replacement deletes them by index.
+        self.assertLogged(self.agent, "XFRM_MSG_NEWPOLICY::", LOG_DEBUG, count=2)
+        self.assertEqual(self.modify(5, ace(2) + notify_actions(0xABCE)), answer(1))
+        self.assertEqual(self.kernel.policies(), kernel_pair(2, self.svti, 25, 32))
+        self.assertTrue(self.kernel.wait_line("request type=20 len=88", count=2))
+
+        self.assertEqual(self.modify(4), answer(1))
+        self.assertEqual(self.kernel.policies(), [])
+        self.assertLogged(self.agent, "Returning success from kestrix_nl_policy_delete", LOG_INFO,
+                          count=2)
+        self.assertEqual(self.modify(3), answer(8))
+        self.assertLogged(self.agent, "Got an invalid code for acl processing 3\n", LOG_ERR)
+        self.assertEqual(self.rp_client.request(acl_modify(CALLBACK, 9, 2)), answer(6))
+
+    def test_kernel_indexes_and_the_policy_show_in_the_sigint_dump(self):
+        self.assertEqual(self.modify(2, ace(1) + notify_actions(0xABCD)), answer(1))
+        self.assertLogged(self.agent, "XFRM_MSG_NEWPOLICY::", LOG_DEBUG, count=2)
+        self.assertLogged(self.agent, "acl_Modify resp status 1", LOG_DEBUG)
+        self.agent.signal(signal.SIGINT)
+        self.assertLogged(self.agent, ">>>KESTRIX POLICIES END<<<", LOG_INFO)
+        lines = self.agent.log_lines()
+        start = lines.index((LOG_INFO, ">>>KESTRIX POLICIES BEGIN<<<"))
+        dump = lines[start:lines.index((LOG_INFO, ">>>KESTRIX POLICIES END<<<"))]
+        for line in [(LOG_INFO, "***POLICY 0:"),
+                     (LOG_DEBUG, "STATIC_SEQNO [33] DYNAMIC_SEQNO [34] "),
+                     (LOG_DEBUG, "notify_rp_handle [0xabcd]"),
+                     (LOG_DEBUG, "action: FORWARD_PACKET"),
+                     (LOG_INFO, "Kernel Index [16], direction [IN](0)"),
+                     (LOG_INFO, "Kernel Index [9], direction [OUT](1)"),
+                     (LOG_DEBUG, "local_addr4 [010.000.000.001], local_mask4 [24], "
+                                 "remote_addr4 [192.168.001.001], remote_mask4 [16]\n"
+                                 "protocol [17], any_port [0]")]:
+            self.assertIn(line, dump)
+        # The twin comes first, the ACE of the request after it.
+        self.assertLess(dump.index((LOG_INFO, "Kernel Index [16], direction [IN](0)")),
+                        dump.index((LOG_INFO, "Kernel Index [9], direction [OUT](1)")))
+
+    def test_an_acquire_asks_the_rp_with_the_newest_policys_handle(self):
+        self.assertEqual(self.modify(2, ace(1) + notify_actions(0x1111)), answer(1))
+        self.assertEqual(self.modify(2, ace(2) + notify_actions(0xABCD)), answer(1))
+        self.assertTrue(self.kernel.multicast(GROUP_POLICY, acquire(1)))
+        expected = (be16(0) + be16(82) + be16(21) + be32(0xABCD) + be32(1) + be32(TUNNEL_ID) +
+                    be32(TUNNEL_ID) + bytes(64))
+        self.assertEqual(self.rp_client.receive(), expected)
+        self.assertLogged(self.agent, "- sendto() is OK...", LOG_INFO)
+        self.assertIsNone(self.rp_client.receive(timeout=0.3))
+
+
+class AclModifyOnStockKernel(AgentTestCase):
+    def test_a_policy_the_kernel_refuses_is_answered_with_an_internal_error(self):
+        agent = self.start_agent("-d", "7")
+        rp = self.rp()
+        self.assertEqual(len(rp.request(init_start(1, 0x100))), 18)
+        # The stock kernel reads the platform's policy body with its own
+        # layout but takes it; a second ACL with the same selector clashes.
+        self.assertEqual(rp.request(acl_modify(CALLBACK, 1, 2, ace(1) + notify_actions(0xABCD))),
+                         answer(1))
+        same_selector = ace_record(5, 0x0A000001, 24, 0xC0A80101, 16, ports=(1001, 2001))
+        self.assertEqual(rp.request(acl_modify(CALLBACK, 1, 2, same_selector + notify_actions(0xABCD))),
+                         answer(0))
+        self.assertLogged(agent, "RTNETLINK answers: File exists (17)\n", LOG_ERR)
+        self.assertLogged(agent, "Error in outbound policy creation", LOG_ERR)
+
+
+if __name__ == "__main__":
+    unittest.main()
