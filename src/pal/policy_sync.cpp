@@ -114,7 +114,8 @@ ce_status_t kestrix_nl_policy_update(Agent& agent, cpa_spd_policy_t* policy, uin
   cpa_log(LOG_DEBUG, "what_changed %d, policy->outbound.action %d,outbound notify_rp_handle 0x%x",
           policy->desc.what_changed, outbound.action, outbound.data.notify_rp_handle);
   // Without a handle to quote, the RP could not be asked for the SAs.
-  if (outbound.action != CDH_ACTION_DISCARD_PACKET_NOTIFY_RP || outbound.data.notify_rp_handle == 0) {
+  if (outbound.action != CDH_ACTION_DISCARD_PACKET_NOTIFY_RP ||
+      outbound.data.notify_rp_handle == 0) {
     cpa_log(LOG_ERR, "ERROR: Can't update/add policy");
     return CRYPTO_ERR_INVALID;
   }
@@ -172,8 +173,9 @@ ce_status_t kestrix_nl_policy_delete(Agent& agent, uint32_t cpa_indx) {
   for (const ace_netlink_t& ace : policy->ace_entry) {
     cpa_log(LOG_DEBUG, "DEL ACE  %x next %x", log_addr(&ace), log_addr(ace.next.get()));
     const XfrmPolicyArgs selector = kernel_policy(ace.ace, ace.dir, kPolicyAllow, tunnel);
-    if (kestrix_nlink_policy_getordel(agent.nlink, kDelete, selector, static_cast<uint32_t>(ace.k_index),
-                                      delete_counter(agent.counters.netlink_dbg_ctrs, ace.dir)) != 0) {
+    if (kestrix_nlink_policy_getordel(
+            agent.nlink, kDelete, selector, static_cast<uint32_t>(ace.k_index),
+            delete_counter(agent.counters.netlink_dbg_ctrs, ace.dir)) != 0) {
       cpa_log(LOG_ERR, " %s", "ERROR: Could not delete policy");
       return CRYPTO_ERR_INTERNAL;
     }
@@ -199,8 +201,8 @@ int kestrix_upd_policies(Agent& agent, const cpa_interface_t* cpa_elem, uint8_t 
     if (!action) return 1;
     cpa_netlink_ctr_t* counted =
         ace.dir == kAceDirOut ? &agent.counters.netlink_dbg_ctrs.n_outbound_policy_add : nullptr;
-    const int rc = kestrix_nlink_policy_add(agent.nlink, 1, kernel_policy(ace.ace, ace.dir, *action, tunnel),
-                                            counted);
+    const int rc = kestrix_nlink_policy_add(
+        agent.nlink, 1, kernel_policy(ace.ace, ace.dir, *action, tunnel), counted);
     cpa_log(LOG_DEBUG, "policy update returns status %d\n", rc);
     if (rc != 0) return rc;
   }

@@ -34,8 +34,10 @@ TEST(NotifyRp, AnAcquireSendsTheRpOneDatagramQuotingTheNewestPolicy) {
   add_policy(tunnel, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, 0x77);
   add_policy(tunnel, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, 0x88);
   acquire();
-  EXPECT_EQ(t.take_sent(), (std::vector<std::vector<uint8_t>>{
-                               Bytes().be16(0).be16(82).be16(21).be32(0x88).be32(1).be32(0x2a).be32(0x2a).zeros(64)}));
+  EXPECT_EQ(
+      t.take_sent(),
+      (std::vector<std::vector<uint8_t>>{
+          Bytes().be16(0).be16(82).be16(21).be32(0x88).be32(1).be32(0x2a).be32(0x2a).zeros(64)}));
   EXPECT_TRUE(t.log.has(LOG_INFO, "- sendto() is OK..."));
 
   // A failed send is not reported; a null acquire or a newest policy that
