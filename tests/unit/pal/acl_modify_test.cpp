@@ -387,5 +387,15 @@ TEST_F(AclModify, ReprogrammingUpdatesEveryAceAndTwinWithTheNegotiatedModeAndPro
   EXPECT_EQ(kernel_requests().size(), 2u);
 }
 
+TEST_F(AclModify, SaHandOverSendsNothingWithoutARecordAndSaysSo) {
+  cpa_netlink_ctr_t& ctr = nl.n_inbound_sa_add;
+  EXPECT_EQ(kestrix_nl_sa_add(t.agent, nullptr, 5, 1, &ctr), 0);  // callers take 0 as success
+  EXPECT_TRUE(t.log.has(LOG_DEBUG, "Null sa info"));
+  const kestrix_ce_cipher_list_t neither_esp_nor_ah{};
+  EXPECT_NE(kestrix_nl_sa_add(t.agent, &neither_esp_nor_ah, 5, 1, &ctr), 0);
+  EXPECT_EQ(t.kernel.requests().size(), 1u);
+  EXPECT_EQ(ctr.req + ctr.resp_err, 2u);
+}
+
 }  // namespace
 }  // namespace cpa::test
