@@ -2,17 +2,25 @@
 // namespace (see run_bench.py).
 //  1. Round trips of SADB_INIT_COMPLETED against the agent, one request
 //     outstanding, beside a minimal UDP echo server answering the same
-//     datagrams; prints both rates and agent/echo.
+//     datagrams; prints the rates and agent/echo. For reference it also runs
+//     an echo server that waits in select() before each receive, as the
+//     agent's event loop does, which shows what the wait itself costs.
 //  2. The cost of each SADB_INIT_START while the table fills from 1 to 4095
-//     tunnels; prints the mean per 512-request bucket and last/first.
+//     tunnels; prints the median per 512-request bucket and last/first.
 // The RP end is bound to 127.0.0.2:23456, where the agent sends its answers.
+// The driver and every server share CPU 1 (run_bench.py pins the agent
+// there), so that each round trip is two context switches on one CPU for
+// every server alike, whatever else the machine is doing.
 #include <arpa/inet.h>
+#include <sched.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -25,6 +33,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr uint16_t kAgentPort = 23456;
 constexpr uint16_t kEchoPort = 34567;
+constexpr uint16_t kSelectEchoPort = 34568;
 
 sockaddr_in address(const char* ip, uint16_t port) {
   sockaddr_in a{};
@@ -72,12 +81,28 @@ double rate(int fd, const sockaddr_in& to, const std::vector<uint8_t>& request, 
   return n / std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-pid_t start_echo_server() {
+void pin_to_cpu(int cpu) {
+  cpu_set_t set;
+  CPU_ZERO(&set);
+  CPU_SET(cpu, &set);
+  sched_setaffinity(0, sizeof set, &set);
+}
+
+pid_t start_echo_server(uint16_t port, bool wait_in_select) {
   const pid_t pid = fork();
   if (pid == 0) {
-    const int fd = bound_socket("127.0.0.1", kEchoPort);
+    pin_to_cpu(1);
+    const int fd = bound_socket("127.0.0.1", port);
+    timeval forever{0, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &forever, sizeof forever);
     uint8_t buf[2048];
     for (;;) {
+      if (wait_in_select) {
+        fd_set readable;
+        FD_ZERO(&readable);
+        FD_SET(fd, &readable);
+        select(fd + 1, &readable, nullptr, nullptr, nullptr);
+      }
       sockaddr_in from{};
       socklen_t len = sizeof from;
       const ssize_t n = recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &len);
@@ -90,39 +115,46 @@ pid_t start_echo_server() {
 void compare_with_echo(int fd, double seconds) {
   const sockaddr_in agent = address("127.0.0.1", kAgentPort);
   const sockaddr_in echo = address("127.0.0.1", kEchoPort);
+  const sockaddr_in select_echo = address("127.0.0.1", kSelectEchoPort);
   round_trip(fd, agent, pal(1, {1, 0x424242, 0}));  // tunnel 1, so completion succeeds
   const std::vector<uint8_t> completed = pal(2, {7, 1});
-  const pid_t echo_pid = start_echo_server();
+  const pid_t echo_pids[] = {start_echo_server(kEchoPort, false),
+                             start_echo_server(kSelectEchoPort, true)};
   usleep(100000);
-  double agent_total = 0, echo_total = 0;
-  for (int round = 0; round < 3; ++round) {  // alternate, so drift hits both
-    echo_total += rate(fd, echo, completed, seconds / 3);
-    agent_total += rate(fd, agent, completed, seconds / 3);
+  double agent_total = 0, echo_total = 0, select_total = 0;
+  for (int round = 0; round < 3; ++round) {  // interleaved, so drift hits all alike
+    echo_total += rate(fd, echo, completed, seconds / 9);
+    agent_total += rate(fd, agent, completed, seconds / 9);
+    select_total += rate(fd, select_echo, completed, seconds / 9);
   }
-  kill(echo_pid, SIGKILL);
-  waitpid(echo_pid, nullptr, 0);
+  for (pid_t pid : echo_pids) {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+  }
   round_trip(fd, agent, pal(3, {7, 1}));
   std::printf("SADB_INIT_COMPLETED round trips/s: agent %.0f, echo %.0f, agent/echo %.2f\n",
               agent_total / 3, echo_total / 3, agent_total / echo_total);
+  std::printf("  reference: echo waiting in select() %.0f/s, agent/that %.2f\n", select_total / 3,
+              agent_total / select_total);
 }
 
+// Medians per bucket, so that a stray pause of the machine does not count.
 void fill_table(int fd) {
   const sockaddr_in agent = address("127.0.0.1", kAgentPort);
   constexpr int kBucket = 512;
-  std::vector<double> bucket_us;
-  double sum = 0;
+  std::vector<double> bucket_us, times;
   for (uint32_t n = 1; n <= 4095; ++n) {
     const auto request = pal(1, {n, 0x100000 + n, 0});
     const auto start = Clock::now();
     round_trip(fd, agent, request);
-    sum += std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+    times.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
     if (n % kBucket == 0 || n == 4095) {
-      const int in_bucket = (n % kBucket == 0) ? kBucket : static_cast<int>(n % kBucket);
-      bucket_us.push_back(sum / in_bucket);
-      sum = 0;
+      std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
+      bucket_us.push_back(times[times.size() / 2]);
+      times.clear();
     }
   }
-  std::printf("SADB_INIT_START mean round trip (us) per %d tunnels:", kBucket);
+  std::printf("SADB_INIT_START median round trip (us) per %d tunnels:", kBucket);
   for (double us : bucket_us) std::printf(" %.1f", us);
   std::printf("\nSADB_INIT_START last/first bucket: %.2f\n", bucket_us.back() / bucket_us.front());
 }
@@ -131,6 +163,7 @@ void fill_table(int fd) {
 
 int main(int argc, char* argv[]) {
   const double seconds = argc > 1 ? std::atof(argv[1]) : 6.0;
+  pin_to_cpu(1);
   const int fd = bound_socket("127.0.0.2", kAgentPort);
   compare_with_echo(fd, seconds);
   fill_table(fd);

@@ -16,6 +16,8 @@ def main():
     if not sandbox.SANDBOXED:
         sys.exit("run_bench.py needs root")
     agent = sandbox.Agent("-d", "3")
+    for thread in os.listdir(f"/proc/{agent.proc.pid}/task"):  # beside the driver and the echo servers
+        os.sched_setaffinity(int(thread), {1})
     try:
         subprocess.run([DRIVER, *sys.argv[1:]], check=True)
     finally:
