@@ -338,6 +338,16 @@ void FakeXfrmKernel::add_connection(ScopedFd fd, bool bound, uint32_t groups) {
   (void)!write(wake_.get(), &one, sizeof one);
 }
 
+void FakeXfrmKernel::reset() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  next_index_ = 8;
+  scripts_.clear();
+  requests_.clear();
+  violations_.clear();
+  sas_.clear();
+  policies_.clear();
+}
+
 void FakeXfrmKernel::script_next(ScriptedAnswer answer) {
   std::lock_guard<std::mutex> lock(mutex_);
   scripts_.push_back(std::move(answer));

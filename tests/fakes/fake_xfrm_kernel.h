@@ -111,6 +111,10 @@ class FakeXfrmKernel {
   // Accepts agents on a unix seqpacket socket at `path`. False when it cannot.
   bool listen_at(const std::string& path);
 
+  // Forgets every table, request, violation and script: a fresh kernel for
+  // the next fuzz input without a thread of its own.
+  void reset();
+
   // The next requests are answered as scripted, one script each, in order.
   void script_next(ScriptedAnswer answer);
   // Sends `message` to every monitor subscribed to one of `groups`.

@@ -3,8 +3,8 @@
 // datagram. The input is a sequence of datagrams: a 2-byte length, then that
 // many bytes (at most one receive buffer's worth), so that sequences of
 // requests (create, attach, ACL modify, delete...) are explored as well. The
-// kernel requests go to a fake platform kernel of the input's own, so that
-// ACL modifications reach the policy code and the kernel's answers.
+// kernel requests go to a fake platform kernel, reset for every input, so
+// that ACL modifications reach the policy code and the kernel's answers.
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -18,13 +18,14 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static cpa::test::NullLog quiet;
+  static cpa::test::FakeXfrmKernel* kernel = new cpa::test::FakeXfrmKernel;
+  kernel->reset();
   cpa::test::FakeClock clock;
   cpa::test::FakeCommandRunner commands;
   cpa::test::RecordingOutbox rp;
   cpa::test::FakeNetDevices devices;
   cpa::Agent agent({}, {clock, commands, rp, devices});
-  cpa::test::FakeXfrmKernel kernel;
-  agent.nlink.attach(kernel.request_socket());
+  agent.nlink.attach(kernel->request_socket());
   while (size >= 2) {
     size_t length = (static_cast<size_t>(data[0]) << 8 | data[1]) % 2049;
     data += 2;
