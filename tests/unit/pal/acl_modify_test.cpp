@@ -150,17 +150,17 @@ class AclModify : public ::testing::Test {
 
 TEST_F(AclModify, InstallProgramsBothDirectionsOfEveryAceAndKeepsTheTwinsAtTheHead) {
   for (uint32_t n = 1; n <= 3; ++n) {
-    std::vector<AceSpec> specs;
+    std::vector<AceSpec> entries;
     std::vector<std::string> expected;
     for (uint32_t i = 1; i <= n; ++i) {
       const uint32_t h = 10 * n + i;
       // The second ACE is a deny: both its kernel policies block.
-      specs.push_back(ace(h, i == 2 ? kestrix_ace_deny_action : kestrix_ace_permit));
+      entries.push_back(ace(h, i == 2 ? kestrix_ace_deny_action : kestrix_ace_permit));
       // The walk starts at the last record (the list runs newest first).
       expected.insert(expected.begin(),
                       {policy_of(h, "out", 19, i == 2), policy_of(h, "in", 19, i == 2)});
     }
-    ASSERT_EQ(modify(2, acl(specs)), CRYPTO_NO_ERR) << n;
+    ASSERT_EQ(modify(2, acl(entries)), CRYPTO_NO_ERR) << n;
     EXPECT_EQ(kernel_requests(), expected) << n;
     std::vector<std::pair<uint32_t, uint32_t>> list(n, {0, 0});         // T1..Tn
     for (uint32_t i = n; i >= 1; --i) list.push_back({10 * n + i, 1});  // An..A1
