@@ -8,7 +8,8 @@ import subprocess
 import threading
 import time
 
-from sandbox import BINARY, SCRATCH
+from rp_messages import init_start
+from sandbox import BINARY, SCRATCH, AgentTestCase
 
 SERVER = os.environ.get("CPA_FAKE_KERNEL_SERVER",
                         os.path.join(os.path.dirname(BINARY), "fake_xfrm_kernel_server"))
@@ -100,3 +101,18 @@ class FakeKernel:
         self.proc.wait(timeout=5)
         self.thread.join()
         self.proc.stdout.close()
+
+
+class FakeKernelTestCase(AgentTestCase):
+    """Each test gets a fake kernel, an agent (-d 7) attached to it, and an RP
+    (self.rp_client) that has opened tunnel 1 (request id 1)."""
+
+    def setUp(self):
+        super().setUp()
+        self.kernel = FakeKernel()
+        self.addCleanup(self.kernel.close)
+        self.agent = self.start_agent("-d", "7", env=self.kernel.env())
+        self.assertTrue(self.kernel.wait_line("bound groups=0x0 pid=0"))
+        self.assertTrue(self.kernel.wait_line("bound groups=0x8 pid=0"))
+        self.rp_client = self.rp()
+        self.assertEqual(len(self.rp_client.request(init_start(1, 0x100))), 18)

@@ -7,7 +7,7 @@ import signal
 import socket
 import unittest
 
-from fake_kernel import FakeKernel, GROUP_POLICY, acquire
+from fake_kernel import FakeKernelTestCase, GROUP_POLICY, acquire
 from rp_messages import (ace_record, acl_modify, be16, be32, init_start, intf_attach,
                          notify_actions)
 from sandbox import AgentTestCase, LOG_DEBUG, LOG_ERR, LOG_INFO
@@ -34,15 +34,9 @@ def kernel_pair(h, svti, out_index, in_index):
             f"policy index={in_index} dir=0 action=0 {remote}>{local} {tail}"]
 
 
-class AclModifyOnFakeKernel(AgentTestCase):
+class AclModifyOnFakeKernel(FakeKernelTestCase):
     def setUp(self):
         super().setUp()
-        self.kernel = FakeKernel()
-        self.addCleanup(self.kernel.close)
-        self.agent = self.start_agent("-d", "7", env=self.kernel.env())
-        self.assertTrue(self.kernel.wait_line("bound groups=0x8 pid=0"))
-        self.rp_client = self.rp()
-        self.assertEqual(len(self.rp_client.request(init_start(1, 0x100))), 18)  # tunnel 1
         self.assertEqual(self.rp_client.request(intf_attach(2, 1, TUNNEL_ID))[-4:], be32(1))
         self.svti = socket.if_nametoindex(f"svti{TUNNEL_ID}")
 

@@ -5,7 +5,7 @@ listener of the real binary."""
 import re
 import unittest
 
-from fake_kernel import FakeKernel, GROUP_POLICY, acquire, nlmsg
+from fake_kernel import FakeKernelTestCase, GROUP_POLICY, acquire, nlmsg
 from rp_messages import init_start
 from sandbox import AgentTestCase, LOG_DEBUG, LOG_ERR
 
@@ -34,18 +34,7 @@ class RealKernelSockets(AgentTestCase):
         self.assertEqual(sorted(groups for _, groups in sockets), [0, 8])
 
 
-class FakeKernelEvents(AgentTestCase):
-    def setUp(self):
-        super().setUp()
-        self.kernel = FakeKernel()
-        self.addCleanup(self.kernel.close)
-        self.agent = self.start_agent("-d", "7", env=self.kernel.env())
-        self.assertTrue(self.kernel.wait_line("bound groups=0x0 pid=0"))
-        self.assertTrue(self.kernel.wait_line("bound groups=0x8 pid=0"))
-        rp = self.rp()
-        self.assertEqual(len(rp.request(init_start(1, 0x100))), 18)  # tunnel 1: request id 1
-        self.rp_client = rp
-
+class FakeKernelEvents(FakeKernelTestCase):
     def policy(self, pid, index, direction, reqid):
         self.assertTrue(self.kernel.command(f"policy 19 {pid} {index} {direction} {reqid}"))
 
