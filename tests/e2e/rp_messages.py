@@ -44,12 +44,6 @@ def keepalive():
     return be16(MSG_KEEP_ALIVE) + bytes([0x18, 0x00]) + bytes(16) + b"IPSEC_DP" + bytes(4)
 
 
-def split_response(data):
-    """(message_type, message_length, command, body) of a PAL response."""
-    mtype, length, cmd = struct.unpack(">HHH", data[:6])
-    return mtype, length, cmd, data[6:]
-
-
 def intf_attach(callback, sadb, tunnel_id, is_v6=0):
     """SADB handle 0 asks for a detach."""
     return pal(5, be32(callback) + be32(sadb) + be32(tunnel_id) + be32(is_v6))

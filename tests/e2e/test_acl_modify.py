@@ -7,6 +7,7 @@ import signal
 import socket
 import unittest
 
+from counter_report import counter_rows
 from fake_kernel import FakeKernelTestCase, GROUP_POLICY, acquire
 from rp_messages import (ace_record, acl_modify, be16, be32, init_start, intf_attach,
                          notify_actions)
@@ -65,6 +66,11 @@ class AclModifyOnFakeKernel(FakeKernelTestCase):
         self.assertEqual(self.modify(3), answer(8))
         self.assertLogged(self.agent, "Got an invalid code for acl processing 3\n", LOG_ERR)
         self.assertEqual(self.rp_client.request(acl_modify(CALLBACK, 9, 2)), answer(6))
+        # Requests count once a tunnel and a known opcode are found; an unknown
+        # opcode's error counts on the delete row all the same.
+        rows = counter_rows(self.agent)
+        self.assertEqual(rows["KESTRIX_PAL_ACL_MODIFY-(Add)"], (3, 3, 0))
+        self.assertEqual(rows["KESTRIX_PAL_ACL_MODIFY-(Del)"], (1, 1, 1))
 
     def test_kernel_indexes_and_the_policy_show_in_the_sigint_dump(self):
         self.assertEqual(self.modify(2, ace(1) + notify_actions(0xABCD)), answer(1))

@@ -9,7 +9,7 @@ import unittest
 
 from rp_messages import be16, init_start, keepalive
 from sandbox import (AgentTestCase, RecordedCommands, AGENT_ADDR, KEEPALIVE_PORT, RP_ADDR,
-                     LOG_INFO, LOG_WARNING)
+                     LOG_ERR, LOG_INFO, LOG_WARNING)
 
 KEEPALIVE_SENT = bytes([0, 3, 0x18, 0]) + bytes(12) + b"IPSEC_DP" + bytes(4)
 REPORT = "/usr/admin/log/.cpa_ctrs"
@@ -37,11 +37,12 @@ class KeepalivePeer:
 
 class Keepalives(AgentTestCase):
     def test_nothing_is_sent_before_the_rp_speaks_first(self):
-        self.start_agent()
+        agent = self.start_agent()
         peer = KeepalivePeer(self)
         self.rp().request(init_start(1, 2))
         peer.send(be16(0) + be16(0))
         self.assertEqual(peer.receive(1.5)[0], None)
+        self.assertLogged(agent, "Unknown msgtype for Keepalive thread, msg_type 0", LOG_ERR)
 
     def test_keepalives_go_every_second_to_the_rp_port(self):
         agent = self.start_agent()

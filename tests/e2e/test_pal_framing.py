@@ -1,11 +1,10 @@
 """Framing of request datagrams: response shapes, the latched RP address,
 message types the request socket does not take, datagrams cut short."""
 
-import struct
 import unittest
 
-from rp_messages import be32, pal, init_start, split_response, MSG_KEEP_ALIVE, be16
-from sandbox import AgentTestCase, RpClient, LOG_ERR, LOG_INFO
+from rp_messages import pal, init_start, MSG_KEEP_ALIVE, be16
+from sandbox import AgentTestCase, LOG_ERR, LOG_INFO
 
 # Response shape by command: total length and where the status sits.
 SHAPES = {1: 18, 2: 14, 3: 14, 4: 14, 5: 14, 9: 14, 11: 18, 12: 14, 13: 18, 14: 14,
@@ -29,12 +28,6 @@ class ResponseShapes(AgentTestCase):
                 self.assertEqual(data[10:length - 4], bytes(length - 14), f"command {cmd}")
         self.assertLogged(agent, "action: INVALID cmd_type 7 status 1", LOG_INFO)
         self.assertLogged(agent, "action: INVALID cmd_type 30 status 1", LOG_INFO)
-
-    def test_unhandled_command_bytes(self):
-        self.start_agent()
-        rp = self.rp()
-        self.assertEqual(rp.request(pal(7)), bytes([0, 0, 0, 6, 0, 7]))
-        self.assertEqual(rp.request(pal(30)), bytes([0, 0, 0, 6, 0, 0x1e]))
 
 
 class RpAddress(AgentTestCase):

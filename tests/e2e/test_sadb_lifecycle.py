@@ -3,6 +3,7 @@ duplicates, the allocation cursor over a full table, and the trace."""
 
 import unittest
 
+from counter_report import counter_rows
 from rp_messages import attr_update, be16, be32, init_completed, init_start, sadb_delete
 from sandbox import AgentTestCase, LOG_DEBUG, LOG_ERR, LOG_INFO
 
@@ -31,6 +32,10 @@ class Lifecycle(AgentTestCase):
                 if t.startswith("KESTRIX_PAL_SADB_INIT_COMPLETED 000000a2 00000001 status 1 Time ")]
         self.assertEqual(len(ends), 1)
         self.assertRegex(ends[0], r" Time \d+\.\d{5} seconds$")
+        rows = counter_rows(agent)
+        self.assertEqual([rows["KESTRIX_PAL_SADB_" + name] for name in
+                          ("INIT_START", "INIT_COMPLETED", "DELETE", "ATTR_UPDATE")],
+                         [(1, 1, 0), (2, 1, 1), (2, 2, 0), (2, 1, 1)])
 
     def test_duplicates_and_zero_handles(self):
         agent = self.start_agent()

@@ -5,10 +5,11 @@
 #include <vector>
 
 #include "daemon/agent.h"
-#include "fakes/fake_system.h"
 #include "fakes/fake_net_devices.h"
+#include "fakes/fake_system.h"
 #include "fakes/log_capture.h"
 #include "pal/pal_dispatcher.h"
+#include "support/wire_builder.h"
 
 namespace cpa::test {
 
@@ -26,6 +27,17 @@ struct TestAgent {
     auto out = std::move(rp.sent);
     rp.sent.clear();
     return out;
+  }
+  // Delivers one datagram; the one response it drew (empty when none or several).
+  std::vector<uint8_t> exchange(const std::vector<uint8_t>& datagram) {
+    deliver(datagram);
+    auto sent = take_sent();
+    return sent.size() == 1 ? sent[0] : std::vector<uint8_t>{};
+  }
+  // Opens a tunnel as the RP does (SADB_INIT_START); its slot, which is also its request id.
+  uint32_t open_tunnel(uint32_t create_handle) {
+    const auto r = exchange(pal_request(1, Bytes().be32(0xC0FFEE).be32(create_handle).be32(0)));
+    return r.size() == 18 ? uint32_t{r[10]} << 24 | uint32_t{r[11]} << 16 | uint32_t{r[12]} << 8 | r[13] : 0;
   }
 
   LogCapture log;

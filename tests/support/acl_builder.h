@@ -73,4 +73,11 @@ inline std::vector<uint8_t> acl_command(uint32_t opcode, const std::vector<std::
   return b;
 }
 
+// The whole datagram of an ACL modify request.
+inline std::vector<uint8_t> acl_request(uint32_t opcode, const std::vector<std::vector<uint8_t>>& records,
+                                        uint32_t callback = 0x11, uint32_t sadb = 1) {
+  const std::vector<uint8_t> command = acl_command(opcode, records, callback, sadb);
+  return Bytes().be16(0).be16(static_cast<uint16_t>(command.size())).append(command);
+}
+
 }  // namespace cpa::test

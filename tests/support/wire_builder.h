@@ -44,4 +44,9 @@ inline std::vector<uint8_t> pal_request(uint16_t cmd, const std::vector<uint8_t>
   return d;
 }
 
+// A PAL response: header, command, body.
+inline std::vector<uint8_t> pal_answer(uint16_t cmd, const std::vector<uint8_t>& body) {
+  return Bytes().be16(0).be16(static_cast<uint16_t>(6 + body.size())).be16(cmd).append(body);
+}
+
 }  // namespace cpa::test
