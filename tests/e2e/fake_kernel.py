@@ -1,9 +1,7 @@
 """The fake platform kernel served to the real agent (tests/tools/
-fake_xfrm_kernel_server), and the kernel messages the tests multicast
-through it, built field by field from their offsets (host byte order)."""
+fake_xfrm_kernel_server)."""
 
 import os
-import struct
 import subprocess
 import threading
 import time
@@ -15,26 +13,6 @@ SERVER = os.environ.get("CPA_FAKE_KERNEL_SERVER",
                         os.path.join(os.path.dirname(BINARY), "fake_xfrm_kernel_server"))
 
 GROUP_ACQUIRE, GROUP_POLICY = 1, 8
-
-
-def nlmsg(msg_type, payload=b"", pid=0, flags=0, seq=0):
-    return struct.pack("<IHHII", 16 + len(payload), msg_type, flags, seq, pid) + payload
-
-
-def template(reqid):
-    """An XFRMA_TMPL attribute: ESP, AF_INET, the tunnel's request id."""
-    tmpl = bytearray(64)
-    tmpl[20] = 50
-    struct.pack_into("<H", tmpl, 24, 2)
-    struct.pack_into("<I", tmpl, 44, reqid)
-    return struct.pack("<HH", 68, 5) + bytes(tmpl)
-
-
-def acquire(reqid=None):
-    body = bytearray(304)
-    body[20] = 50
-    body[96 + 184] = 1  # the policy's direction: out
-    return nlmsg(23, bytes(body) + (template(reqid) if reqid is not None else b""))
 
 
 class FakeKernel:
@@ -93,8 +71,9 @@ class FakeKernel:
         with self.cond:
             return [l for l in self.lines[mark:] if l.startswith("policy ")]
 
-    def multicast(self, groups, message):
-        return self.command(f"raw {groups} {message.hex()}")
+    def acquire(self, groups, reqid):
+        """Multicasts an acquire for the tunnel of request id `reqid` to `groups`."""
+        return self.command(f"acquire {groups} {reqid}")
 
     def close(self):
         self.proc.stdin.close()

@@ -8,7 +8,7 @@ import socket
 import unittest
 
 from counter_report import counter_rows
-from fake_kernel import FakeKernelTestCase, GROUP_POLICY, acquire
+from fake_kernel import FakeKernelTestCase, GROUP_POLICY
 from rp_messages import (ace_record, acl_modify, be16, be32, init_start, intf_attach,
                          notify_actions)
 from sandbox import AgentTestCase, LOG_DEBUG, LOG_ERR, LOG_INFO
@@ -98,7 +98,7 @@ class AclModifyOnFakeKernel(FakeKernelTestCase):
     def test_an_acquire_asks_the_rp_with_the_newest_policys_handle(self):
         self.assertEqual(self.modify(2, ace(1) + notify_actions(0x1111)), answer(1))
         self.assertEqual(self.modify(2, ace(2) + notify_actions(0xABCD)), answer(1))
-        self.assertTrue(self.kernel.multicast(GROUP_POLICY, acquire(1)))
+        self.assertTrue(self.kernel.acquire(GROUP_POLICY, 1))
         expected = (be16(0) + be16(82) + be16(21) + be32(0xABCD) + be32(1) + be32(TUNNEL_ID) +
                     be32(TUNNEL_ID) + bytes(64))
         self.assertEqual(self.rp_client.receive(), expected)

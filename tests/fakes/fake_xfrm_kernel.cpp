@@ -252,6 +252,12 @@ Message nl_message(uint16_t type, uint16_t flags, uint32_t seq, uint32_t pid, co
   return m;
 }
 
+Message nl_error(uint32_t seq, uint32_t pid, int error) {
+  Message payload(4 + at::kHdr, 0);
+  put<int32_t>(payload, 0, -error);
+  return nl_message(NLMSG_ERROR, 0, seq, pid, payload);
+}
+
 Message policy_event(uint16_t type, uint32_t pid, uint32_t index, uint8_t dir,
                      std::optional<uint32_t> reqid) {
   Message body(at::kPolSize, 0);
@@ -348,9 +354,14 @@ void FakeXfrmKernel::reset() {
   policies_.clear();
 }
 
-void FakeXfrmKernel::script_next(ScriptedAnswer answer) {
+void FakeXfrmKernel::refuse_next(int error) {
   std::lock_guard<std::mutex> lock(mutex_);
-  scripts_.push_back(std::move(answer));
+  scripts_.push_back({error, {}});
+}
+
+void FakeXfrmKernel::answer_next(std::vector<Message> datagrams) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  scripts_.push_back({0, std::move(datagrams)});
 }
 
 void FakeXfrmKernel::multicast(uint32_t groups, const Message& message) {
@@ -461,30 +472,12 @@ void FakeXfrmKernel::bind_connection(Connection& conn, const Message& datagram) 
 }
 
 FakeXfrmKernel::Outcome FakeXfrmKernel::answer(const Message& request) {
-  std::optional<ScriptedAnswer> script;
-  if (!scripts_.empty()) {
-    script = std::move(scripts_.front());
-    scripts_.pop_front();
-  }
-  Outcome out;
-  if (script && !script->raw.empty())
-    out.answers.push_back(script->raw);
-  else if (script && script->error)
-    out.answers.push_back(error_answer(request, script->error, agent_pid_));
-  else
-    out = serve_request(request);
-  if (!script) return out;
-  for (Message& a : out.answers) {
-    if (a.size() < at::kHdr) continue;
-    put<uint32_t>(a, 8, get<uint32_t>(a, 8) + script->seq_offset);
-    if (script->pid) put<uint32_t>(a, 12, *script->pid);
-  }
-  if (script->late_answer_first) {
-    Message late = error_answer(request, 0, agent_pid_);
-    put<uint32_t>(late, 8, get<uint32_t>(request, 8) - 1);
-    out.answers.insert(out.answers.begin(), late);
-  }
-  return out;
+  if (scripts_.empty()) return serve_request(request);
+  const Script script = std::move(scripts_.front());
+  scripts_.pop_front();
+  if (!script.raw.empty()) return {script.raw, {}};
+  if (script.error) return {{error_answer(request, script.error, agent_pid_)}, {}};
+  return serve_request(request);
 }
 
 FakeXfrmKernel::Outcome FakeXfrmKernel::serve_request(const Message& request) {
@@ -516,14 +509,12 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::serve_sa(uint16_t type, const Message& r
     walk_attrs(request, at::kHdr + at::kSaSize, attrs);
     sas_.push_back({daddr, spi, proto, get<uint32_t>(request, at::kHdr + at::kSaReqid),
                     svti_of(request, attrs), slice(request, at::kHdr, at::kSaSize)});
-    const Message event = nl_message(kNewSa, 0, seq, agent_pid_, slice(request, at::kHdr, request.size() - at::kHdr));
-    return {{error_answer(request, 0, agent_pid_)}, {{kGroupSa, event}}};
+    return {{error_answer(request, 0, agent_pid_)}, {}};
   }
   if (found == sas_.end()) return {{error_answer(request, ESRCH, agent_pid_)}, {}};
   if (type == kGetSa) return {{nl_message(kNewSa, 0, seq, agent_pid_, found->body)}, {}};
   sas_.erase(found);
-  const Message event = nl_message(kDelSa, 0, seq, agent_pid_, slice(request, at::kHdr, at::kSaIdSize));
-  return {{error_answer(request, 0, agent_pid_)}, {{kGroupSa, event}}};
+  return {{error_answer(request, 0, agent_pid_)}, {}};
 }
 
 FakeXfrmKernel::Outcome FakeXfrmKernel::serve_policy(uint16_t type, const Message& request) {

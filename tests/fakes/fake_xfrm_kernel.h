@@ -33,40 +33,7 @@ using Message = std::vector<uint8_t>;
 
 // Multicast group masks.
 inline constexpr uint32_t kGroupAcquire = 1u << 0;
-inline constexpr uint32_t kGroupSa = 1u << 1;
 inline constexpr uint32_t kGroupPolicy = 1u << 3;
-
-// How the fake answers one request instead of serving it normally.
-struct ScriptedAnswer {
-  static ScriptedAnswer refusal(int error) {
-    ScriptedAnswer a;
-    a.error = error;
-    return a;
-  }
-  static ScriptedAnswer bytes(Message raw) {
-    ScriptedAnswer a;
-    a.raw = std::move(raw);
-    return a;
-  }
-  ScriptedAnswer after_late_answer() && {
-    late_answer_first = true;
-    return std::move(*this);
-  }
-  ScriptedAnswer with_seq_offset(uint32_t offset) && {
-    seq_offset = offset;
-    return std::move(*this);
-  }
-  ScriptedAnswer with_pid(uint32_t port_id) && {
-    pid = port_id;
-    return std::move(*this);
-  }
-
-  int error = 0;                   // refuse with this errno, tables untouched
-  Message raw;                     // unless empty: the only answer, tables untouched
-  bool late_answer_first = false;  // first an acknowledgement of the previous sequence number
-  uint32_t seq_offset = 0;         // added to the answer's sequence number
-  std::optional<uint32_t> pid;     // the answer's port id instead of the requester's
-};
 
 struct FakeSa {
   uint32_t daddr = 0;  // as sent (network order)
@@ -90,6 +57,8 @@ struct FakePolicy {
 
 // A netlink message: header, then `payload` (body and attributes).
 Message nl_message(uint16_t type, uint16_t flags, uint32_t seq, uint32_t pid, const Message& payload);
+// An acknowledgement (error 0) or refusal of request `seq`, quoting a zero header.
+Message nl_error(uint32_t seq, uint32_t pid, int error);
 // A policy event (new, updated, ...) with a 192-byte body; the template
 // carries `reqid`, and there is no template when it is not given.
 Message policy_event(uint16_t type, uint32_t pid, uint32_t index, uint8_t dir,
@@ -115,8 +84,10 @@ class FakeXfrmKernel {
   // the next fuzz input without a thread of its own.
   void reset();
 
-  // The next requests are answered as scripted, one script each, in order.
-  void script_next(ScriptedAnswer answer);
+  // The next request is refused with `error`, tables untouched (0: served as usual).
+  void refuse_next(int error);
+  // The next request is answered with these datagrams, tables untouched.
+  void answer_next(std::vector<Message> datagrams);
   // Sends `message` to every monitor subscribed to one of `groups`.
   void multicast(uint32_t groups, const Message& message);
 
@@ -136,6 +107,10 @@ class FakeXfrmKernel {
     uint32_t groups;
   };
   struct Outcome;
+  struct Script {
+    int error = 0;
+    std::vector<Message> raw;
+  };
 
   void serve();
   void add_connection(ScopedFd fd, bool bound, uint32_t groups);
@@ -153,7 +128,7 @@ class FakeXfrmKernel {
   uint32_t next_index_ = 8;  // policy indexes: a multiple of 8 plus the direction
   std::vector<Connection> connections_;
   ScopedFd listener_;
-  std::deque<ScriptedAnswer> scripts_;
+  std::deque<Script> scripts_;
   std::vector<Message> requests_;
   std::vector<std::string> violations_;
   std::vector<FakeSa> sas_;

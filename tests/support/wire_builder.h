@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <initializer_list>
+#include <string>
 #include <vector>
 
 namespace cpa::test {
@@ -23,6 +24,26 @@ class Bytes {
   }
   Bytes& raw(std::initializer_list<uint8_t> v) {
     b_.insert(b_.end(), v);
+    return *this;
+  }
+  // Host order, as netlink carries it.
+  template <class T>
+  Bytes& host(T v) {
+    const auto* p = reinterpret_cast<const uint8_t*>(&v);
+    b_.insert(b_.end(), p, p + sizeof v);
+    return *this;
+  }
+  Bytes& h16(uint16_t v) { return host(v); }
+  Bytes& h32(uint32_t v) { return host(v); }
+  Bytes& h64(uint64_t v) { return host(v); }
+  // `text` NUL-padded to `width` bytes.
+  Bytes& text(const std::string& text, size_t width) {
+    b_.insert(b_.end(), text.begin(), text.end());
+    return zeros(width - text.size());
+  }
+  // `n` bytes counting up from `first`.
+  Bytes& ramp(uint8_t first, size_t n) {
+    for (size_t i = 0; i < n; ++i) u8(static_cast<uint8_t>(first + i));
     return *this;
   }
   Bytes& append(const std::vector<uint8_t>& v) {

@@ -6,9 +6,7 @@
 // "ready" once it listens, then one line per bind ("bound groups=0x8 pid=0"),
 // request ("request type=19 len=284") and layout violation. It reads
 // commands, one per line, from its standard input:
-//   acquire <reqid>|none                     multicast an acquire (acquire group)
-//   policy <type> <pid> <index> <dir> <reqid>|none   multicast a policy event (policy group)
-//   raw <group mask> <hex bytes>             multicast these bytes
+//   acquire <group mask> <reqid>|none        multicast an acquire for that request id
 //   policies                                 print the policy table, one line each:
 //     "policy index=9 dir=1 action=0 10.0.0.1/24:1001>192.168.1.1/16:2001 proto=17 svti=2 reqid=1 tmpl=50/0"
 // Each command is answered with "ok" or "bad command". It stops at end of input.
@@ -51,35 +49,17 @@ std::string describe(const cpa::test::FakePolicy& p) {
          ">" + addr(0) + "/" + std::to_string(s[42]) + ":" + port(32) + tail;
 }
 
-cpa::test::Message hex_bytes(const std::string& hex) {
-  cpa::test::Message out;
-  for (size_t i = 0; i + 1 < hex.size(); i += 2)
-    out.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-  return out;
-}
-
 bool run(cpa::test::FakeXfrmKernel& kernel, const std::string& line) {
   std::istringstream in(line);
   std::string verb;
   in >> verb;
   if (verb == "acquire") {
+    uint32_t groups;
     std::string reqid;
-    if (!(in >> reqid)) return false;
-    kernel.multicast(cpa::test::kGroupAcquire, cpa::test::acquire_event(reqid_arg(reqid)));
-  } else if (verb == "policy") {
-    unsigned type, pid, index, dir;
-    std::string reqid;
-    if (!(in >> type >> pid >> index >> dir >> reqid)) return false;
-    kernel.multicast(cpa::test::kGroupPolicy,
-                     cpa::test::policy_event(static_cast<uint16_t>(type), pid, index,
-                                             static_cast<uint8_t>(dir), reqid_arg(reqid)));
+    if (!(in >> groups >> reqid)) return false;
+    kernel.multicast(groups, cpa::test::acquire_event(reqid_arg(reqid)));
   } else if (verb == "policies") {
     for (const cpa::test::FakePolicy& p : kernel.policies()) say(describe(p));
-  } else if (verb == "raw") {
-    uint32_t groups;
-    std::string hex;
-    if (!(in >> groups >> hex)) return false;
-    kernel.multicast(groups, hex_bytes(hex));
   } else {
     return false;
   }

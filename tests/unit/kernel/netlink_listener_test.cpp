@@ -38,18 +38,15 @@ class Listener : public ::testing::Test {
     events = recording.get();
     t.agent.policy_events = std::move(recording);
   }
-  // Opens a tunnel; its slot is its request id.
-  uint32_t open_tunnel(uint32_t create_handle) {
-    const kestrix_pal_initialize_start_req req{htonl(0xca11), htonl(create_handle), 0};
-    cdh_sadbhandle handle = 0;
-    EXPECT_EQ(t.agent.tunnels.create_alloc_sadbhdl(req, &handle), CRYPTO_NO_ERR);
-    return ntohl(handle);
-  }
   int listen() { return kestrix_nlink_listener(t.agent, monitor.get()); }
-  int handle(const Message& m) {
-    Message exact(m);
-    return kestrix_nlink_process_msg(t.agent, ReceivedBytes(exact.data(), exact.size()));
+  // Each message in a buffer exactly as long as it, so that a read past it is caught.
+  int call(int (*f)(Agent&, ReceivedBytes), const Message& m) {
+    const Message exact(m);
+    return f(t.agent, ReceivedBytes(exact.data(), exact.size()));
   }
+  int handle(const Message& m) { return call(kestrix_nlink_process_msg, m); }
+  int policy(const Message& m) { return call(kestrix_nlink_proc_policy, m); }
+  int acquire(const Message& m) { return call(kestrix_nlink_proc_acquire, m); }
 
   KernelTestAgent t;
   ScopedFd monitor = t.kernel.monitor_socket(kGroupPolicy);
@@ -62,8 +59,8 @@ bool readable(int fd) {
 }
 
 TEST_F(Listener, TheKernelsEchoOfAnAddGivesItsIndexToTheTunnelOfTheTemplate) {
-  open_tunnel(0x100);
-  const uint32_t reqid = open_tunnel(0x200);
+  t.open_tunnel(0x100);
+  const uint32_t reqid = t.open_tunnel(0x200);
   XfrmPolicyArgs policy;
   policy.dir = 0;
   policy.reqid = reqid;
@@ -76,7 +73,7 @@ TEST_F(Listener, TheKernelsEchoOfAnAddGivesItsIndexToTheTunnelOfTheTemplate) {
 }
 
 TEST_F(Listener, OnlyTheKernelsAndTheAgentsOwnEventsAreHandled) {
-  const uint32_t reqid = open_tunnel(0x100);
+  const uint32_t reqid = t.open_tunnel(0x100);
   t.kernel.multicast(kGroupPolicy, policy_event(19, 4242, 0x99, 1, reqid));
   t.kernel.multicast(kGroupPolicy, policy_event(19, 0, 0x18, 0, reqid));
   t.kernel.multicast(kGroupPolicy, policy_event(19, getpid(), 0x21, 1, reqid));
@@ -92,7 +89,7 @@ TEST_F(Listener, EveryOtherEventIsOnlyLogged) {
       {24, "XFRM_MSG_EXPIRE:"},       {25, "XFRM_MSG_UPDPOLICY:"},   {26, "XFRM_MSG_UPDSA:"},
       {27, "XFRM_MSG_POLEXPIRE:"},    {28, "XFRM_MSG_FLUSHSA:"},     {29, "XFRM_MSG_FLUSHPOLICY:"},
       {30, "XFRM_MSG_NEWAE:"},        {32, "XFRM_MSG_REPORT:"}};
-  const uint32_t reqid = open_tunnel(0x100);
+  const uint32_t reqid = t.open_tunnel(0x100);
   for (const auto& [type, label] : labelled) {
     t.log.clear();
     EXPECT_EQ(handle(policy_event(type, 0, 0x10, 1, reqid)), 0);
@@ -112,7 +109,7 @@ TEST_F(Listener, EveryOtherEventIsOnlyLogged) {
 }
 
 TEST_F(Listener, MalformedDatagramsAreLoggedAndTheNextOneIsRead) {
-  const uint32_t reqid = open_tunnel(0x100);
+  const uint32_t reqid = t.open_tunnel(0x100);
   Message claims_more = policy_event(19, 0, 0x31, 1, reqid);
   claims_more[0] = 0xff;
   claims_more[1] = 0x01;  // nlmsg_len 511 > what arrived
@@ -130,7 +127,7 @@ TEST_F(Listener, MalformedDatagramsAreLoggedAndTheNextOneIsRead) {
 }
 
 TEST_F(Listener, OnlyTheFirstMessageOfADatagramCounts) {
-  const uint32_t reqid = open_tunnel(0x100);
+  const uint32_t reqid = t.open_tunnel(0x100);
   Message two = policy_event(30, 0, 0, 0, std::nullopt);
   const Message second = policy_event(19, 0, 0x51, 1, reqid);
   two.insert(two.end(), second.begin(), second.end());
@@ -141,50 +138,38 @@ TEST_F(Listener, OnlyTheFirstMessageOfADatagramCounts) {
 }
 
 TEST_F(Listener, PoliciesWithoutUsableTemplateOrTunnelChangeNothing) {
-  open_tunnel(0x100);
+  t.open_tunnel(0x100);
   Message short_template = policy_event(19, 0, 0x10, 1, 1);
   short_template[16 + 192] = 4 + 40;  // the template ends before its request id
   short_template.resize(16 + 192 + 44);
   short_template[0] = static_cast<uint8_t>(short_template.size());
   for (const Message& m : {policy_event(19, 0, 0x10, 1, std::nullopt), short_template}) {
     t.log.clear();
-    EXPECT_EQ(kestrix_nlink_proc_policy(t.agent, ReceivedBytes(m.data(), m.size())), 1);
+    EXPECT_EQ(policy(m), 1);
     EXPECT_TRUE(t.log.has(LOG_ERR, "ERROR: requested rta not found: XFRMA_TMPL"));
   }
   const Message unknown = policy_event(19, 0, 0x10, 1, 77);
-  EXPECT_EQ(kestrix_nlink_proc_policy(t.agent, ReceivedBytes(unknown.data(), unknown.size())), 1);
+  EXPECT_EQ(policy(unknown), 1);
   EXPECT_TRUE(t.log.has(LOG_ERR, "reqid 77 not found"));
   EXPECT_TRUE(t.log.has(LOG_ERR, " netlink process message error "));
-  const Message acquire = acquire_event(77);
-  EXPECT_EQ(kestrix_nlink_proc_policy(t.agent, ReceivedBytes(acquire.data(), acquire.size())), 1);
+  EXPECT_EQ(policy(acquire_event(77)), 1);
   EXPECT_TRUE(t.log.has(LOG_ERR, "Wrong message, not a policy"));
   EXPECT_TRUE(events->updates.empty());
 }
 
 TEST_F(Listener, DeletionsAndExpiriesAreReadFromTheirOwnBodies) {
-  const uint32_t reqid = open_tunnel(0x100);
-  Message del(64, 0);
-  del[56] = 0x29;  // index
-  del[60] = 1;     // dir
-  Message expire(200, 0);
-  expire[180] = 0x3a;
-  expire[184] = 2;
-  for (Message* body : {&del, &expire}) {
-    Message tmpl(64, 0);
-    tmpl[44] = static_cast<uint8_t>(reqid);
-    body->insert(body->end(), {68, 0, 5, 0});
-    body->insert(body->end(), tmpl.begin(), tmpl.end());
-  }
-  const Message del_msg = nl_message(20, 0, 0, 0, del);
-  const Message expire_msg = nl_message(27, 0, 0, 0, expire);
-  EXPECT_EQ(kestrix_nlink_proc_policy(t.agent, ReceivedBytes(del_msg.data(), del_msg.size())), 0);
-  EXPECT_EQ(kestrix_nlink_proc_policy(t.agent, ReceivedBytes(expire_msg.data(), expire_msg.size())), 0);
+  const uint32_t reqid = t.open_tunnel(0x100);
+  const Bytes tmpl = Bytes().h16(68).h16(5).zeros(44).h32(reqid).zeros(16);
+  const Message del = Bytes().zeros(56).h32(0x29).u8(1).zeros(3).append(tmpl);                // index, dir
+  const Message expire = Bytes().zeros(180).h32(0x3a).u8(2).zeros(15).append(tmpl);  // policy index, dir
+  EXPECT_EQ(policy(nl_message(20, 0, 0, 0, del)), 0);
+  EXPECT_EQ(policy(nl_message(27, 0, 0, 0, expire)), 0);
   EXPECT_EQ(events->updates,
             (std::vector<RecordingPolicyEvents::Update>{{reqid, 0x29, 1}, {reqid, 0x3a, 2}}));
 }
 
 TEST_F(Listener, AcquiresReachOnlySubscribersOfTheirGroupAndNotifyTheRp) {
-  const uint32_t reqid = open_tunnel(0x100);
+  const uint32_t reqid = t.open_tunnel(0x100);
   ScopedFd both = t.kernel.monitor_socket(kGroupAcquire | kGroupPolicy);
   t.kernel.multicast(kGroupAcquire, acquire_event(reqid));
   EXPECT_EQ(kestrix_nlink_listener(t.agent, both.get()), 0);
@@ -194,13 +179,10 @@ TEST_F(Listener, AcquiresReachOnlySubscribersOfTheirGroupAndNotifyTheRp) {
   EXPECT_TRUE(t.log.has(LOG_DEBUG, "XFRM_MSG_ACQUIRE:"));
   EXPECT_EQ(t.agent.counters.netlink_dbg_ctrs.n_notify_acquire_msg, 1u);
 
-  for (const Message& m : {acquire_event(std::nullopt), acquire_event(77)}) {
-    EXPECT_EQ(kestrix_nlink_proc_acquire(t.agent, ReceivedBytes(m.data(), m.size())), 1);
-  }
+  for (const Message& m : {acquire_event(std::nullopt), acquire_event(77)}) EXPECT_EQ(acquire(m), 1);
   EXPECT_TRUE(t.log.has(LOG_ERR, "ERROR: requested rta not found: XFRMA_TMPL"));
   EXPECT_TRUE(t.log.has(LOG_ERR, "Process an acquire notification ERROR"));
-  const Message policy = policy_event(19, 0, 1, 1, reqid);
-  EXPECT_EQ(kestrix_nlink_proc_acquire(t.agent, ReceivedBytes(policy.data(), policy.size())), 1);
+  EXPECT_EQ(acquire(policy_event(19, 0, 1, 1, reqid)), 1);
   EXPECT_TRUE(t.log.has(LOG_ERR, "Wrong msg, not acquire!"));
   EXPECT_EQ(events->notified.size(), 1u);
 }

@@ -209,7 +209,7 @@ TEST_F(AclModify, RefusedInstallsKeepNothingButTheKernelPoliciesOfEarlierAces) {
   for (const Case& c : cases) {
     t.log.clear();
     for (int e : c.scripted_errors)
-      t.kernel.script_next(e ? ScriptedAnswer::refusal(e) : ScriptedAnswer{});
+      t.kernel.refuse_next(e);
     const size_t before = t.kernel.policies().size();
     EXPECT_EQ(modify(2, c.records), c.status) << c.what;
     EXPECT_EQ(kernel_requests(), c.requests) << c.what;
@@ -235,7 +235,7 @@ TEST_F(AclModify, RemovalDeletesTwinsFirstAndStopsAtTheFirstKernelRefusal) {
   ASSERT_EQ(policies(), 1u);  // the older policy stays
   EXPECT_EQ(aces().back().first, 1u);
 
-  t.kernel.script_next(ScriptedAnswer::refusal(ENOENT));
+  t.kernel.refuse_next(ENOENT);
   EXPECT_EQ(modify(4, {}), CRYPTO_NO_ERR);
   EXPECT_EQ(kernel_requests(), std::vector<std::string>{policy_of(1, "in", 20)});
   EXPECT_TRUE(t.log.has(LOG_ERR, " ERROR: Could not delete policy"));
@@ -260,9 +260,9 @@ TEST_F(AclModify, ReplaceRemovesTheNewestPolicyBeforeInstalling) {
   EXPECT_EQ(policies(), 1u);
   EXPECT_EQ(aces().back().first, 2u);
   // A refused install after the removal leaves the tunnel without either.
-  t.kernel.script_next(ScriptedAnswer{});
-  t.kernel.script_next(ScriptedAnswer{});
-  t.kernel.script_next(ScriptedAnswer::refusal(EINVAL));
+  t.kernel.refuse_next(0);
+  t.kernel.refuse_next(0);
+  t.kernel.refuse_next(EINVAL);
   EXPECT_EQ(modify(5, acl({ace(3)})), CRYPTO_ERR_INTERNAL);
   EXPECT_EQ(policies(), 0u);
   EXPECT_EQ(pal.p_acl_insert_respok, 2u);
@@ -316,8 +316,8 @@ TEST_F(AclModify, ReprogrammingUpdatesEveryAceAndTwinWithTheNegotiatedModeAndPro
   EXPECT_EQ(nl.n_outbound_policy_add.req, 4u);  // two from the install, two updates
   EXPECT_EQ(nl.n_inbound_policy_add.req, 2u);
 
-  t.kernel.script_next(ScriptedAnswer{});
-  t.kernel.script_next(ScriptedAnswer::refusal(ENOENT));
+  t.kernel.refuse_next(0);
+  t.kernel.refuse_next(ENOENT);
   EXPECT_EQ(kestrix_upd_policies(t.agent, &tunnel(), 0, kIpProtoEsp), 1);
   EXPECT_EQ(kernel_requests().size(), 2u);
 }
