@@ -9,66 +9,42 @@
 namespace cpa {
 namespace {
 
-struct Parsed {
-  std::optional<Options> options;
-  std::string printed;
-};
-
-Parsed parse(std::vector<std::string> args) {
-  args.insert(args.begin(), "ipsec_cpa");
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  char* text = nullptr;
-  size_t size = 0;
-  FILE* out = open_memstream(&text, &size);
-  Parsed result{parse_options(static_cast<int>(args.size()), argv.data(), out), ""};
-  std::fclose(out);
-  result.printed.assign(text, size);
-  std::free(text);
-  return result;
-}
-
-TEST(Options, DefaultsWithoutOptions) {
-  const auto r = parse({});
-  ASSERT_TRUE(r.options);
-  EXPECT_EQ(r.options->settings.g_replay_window_size, 0);
-  EXPECT_EQ(r.options->settings.g_unit_test_on, 0);
-  EXPECT_FALSE(r.options->filter_log);
-  EXPECT_EQ(r.printed, "");
-}
-
-TEST(Options, ReplayWindowIs32Or64ElseDefaultsTo32) {
-  EXPECT_EQ(parse({"-r", "64"}).options->settings.g_replay_window_size, 64);
-  const auto r = parse({"-r", "48"});
-  EXPECT_EQ(r.options->settings.g_replay_window_size, 32);
-  EXPECT_EQ(r.printed, "The replay window size values can either be 32 or 64. Setting it to default\n");
-}
-
-TEST(Options, DebugLevelFiltersOnlyWhenValid) {
-  const auto ok = parse({"-d", "3"});
-  EXPECT_TRUE(ok.options->filter_log);
-  EXPECT_EQ(ok.options->log_severity, 3);
-  for (const char* bad : {"9", "-1"}) {
-    const auto r = parse({"-d", bad});
-    ASSERT_TRUE(r.options) << bad;
-    EXPECT_FALSE(r.options->filter_log) << bad;
-    EXPECT_EQ(r.printed, "\nDEBUG must be between 0-7\n") << bad;
-  }
-  EXPECT_FALSE(parse({"-d", "x"}).options->filter_log);
-}
-
-TEST(Options, UnitTestModeAnnouncesItself) {
-  const auto r = parse({"-u"});
-  EXPECT_EQ(r.options->settings.g_unit_test_on, 1);
-  EXPECT_EQ(r.printed, "Enabling UT\n");
-}
-
-TEST(Options, HelpOrUnknownOptionPrintsUsageAndStops) {
-  for (const char* opt : {"-h", "-?", "-x"}) {
-    const auto r = parse({"-u", opt, "-r", "64"});
-    EXPECT_FALSE(r.options) << opt;
-    EXPECT_EQ(r.printed, "Enabling UT\n\nUsage: ipsec_cpa -d <DEBUG LVL>\nDEBUG LVL: 0-7\n") << opt;
+TEST(Options, ValuesAndWhatIsPrinted) {
+  struct Case {
+    std::vector<std::string> args;
+    bool runs;
+    int replay_window, unit_test, log_level;  // log_level -1: nothing filtered
+    std::string printed;
+  } cases[] = {
+      {{}, true, 0, 0, -1, ""},
+      {{"-r", "64", "-d", "3"}, true, 64, 0, 3, ""},
+      {{"-r", "48"}, true, 32, 0, -1, "The replay window size values can either be 32 or 64. Setting it to default\n"},
+      {{"-d", "9"}, true, 0, 0, -1, "\nDEBUG must be between 0-7\n"},
+      {{"-d", "-1"}, true, 0, 0, -1, "\nDEBUG must be between 0-7\n"},
+      {{"-d", "x"}, true, 0, 0, -1, ""},
+      {{"-u"}, true, 0, 1, -1, "Enabling UT\n"},
+      {{"-u", "-h", "-r", "64"}, false, 0, 0, 0, "Enabling UT\n\nUsage: ipsec_cpa -d <DEBUG LVL>\nDEBUG LVL: 0-7\n"},
+      {{"-?"}, false, 0, 0, 0, "\nUsage: ipsec_cpa -d <DEBUG LVL>\nDEBUG LVL: 0-7\n"},
+      {{"-x"}, false, 0, 0, 0, "\nUsage: ipsec_cpa -d <DEBUG LVL>\nDEBUG LVL: 0-7\n"},
+  };
+  for (Case& c : cases) {
+    c.args.insert(c.args.begin(), "ipsec_cpa");
+    std::vector<char*> argv;
+    for (auto& a : c.args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    char* text = nullptr;
+    size_t size = 0;
+    FILE* out = open_memstream(&text, &size);
+    const std::optional<Options> parsed = parse_options(static_cast<int>(c.args.size()), argv.data(), out);
+    std::fclose(out);
+    const std::string what = ::testing::PrintToString(c.args);
+    EXPECT_EQ(std::string(text, size), c.printed) << what;
+    std::free(text);
+    ASSERT_EQ(parsed.has_value(), c.runs) << what;
+    if (!c.runs) continue;
+    EXPECT_EQ(parsed->settings.g_replay_window_size, c.replay_window) << what;
+    EXPECT_EQ(parsed->settings.g_unit_test_on, c.unit_test) << what;
+    EXPECT_EQ(parsed->filter_log ? parsed->log_severity : -1, c.log_level) << what;
   }
 }
 

@@ -1,3 +1,5 @@
+// The allocation cursor and lookups of the tunnel table (the full table is
+// also driven end to end over UDP).
 #include "state/tunnel_table.h"
 
 #include <arpa/inet.h>
@@ -24,37 +26,20 @@ class TunnelTableTest : public ::testing::Test {
   TunnelTable table;
 };
 
-TEST_F(TunnelTableTest, NewTunnelIsFilledFromTheRequestInHostOrder) {
-  ASSERT_EQ(create(0x22), 1u);
-  const cpa_interface_t* t = table.at(1);
-  ASSERT_NE(t, nullptr);
-  EXPECT_EQ(t->sadb_handle, 1u);
-  EXPECT_EQ(t->reqid, 1u);
-  EXPECT_EQ(t->tunnelid, 0xFFFFFFFFu);
-  EXPECT_EQ(t->create_handle, 0x22u);
-  EXPECT_EQ(t->callback_handle, 0xc0u);
-  EXPECT_EQ(t->hint, 2u);
-  EXPECT_EQ(t->peer_index, -1);
-  EXPECT_EQ(t->peer_handle, 0u);
-  EXPECT_EQ(t->default_security_protocol, 50);
-  EXPECT_EQ(table.find_by_create_handle(0x22), 1u);
-}
-
 TEST_F(TunnelTableTest, CursorMovesOnAndReusesFreedSlotsOnlyAfterWrapping) {
   EXPECT_EQ(create(1), 1u);
   EXPECT_EQ(create(2), 2u);
-  EXPECT_EQ(create(3), 3u);
   EXPECT_EQ(table.kestrix_del_sadb(1), CRYPTO_NO_ERR);
-  EXPECT_EQ(create(4), 4u);
+  EXPECT_EQ(create(3), 3u);
   EXPECT_EQ(table.find_by_create_handle(1), std::nullopt);
+  EXPECT_EQ(table.find_by_create_handle(3), 3u);
 }
 
 TEST_F(TunnelTableTest, FullTableRefusesThenDeletionRearmsTheCursor) {
   fill_all();
   EXPECT_EQ(table.g_sadb_alloc_index(), -1);
-  kestrix_pal_initialize_start_req req{htonl(1), htonl(0x9999), 0};
   cdh_sadbhandle handle = 0;
-  EXPECT_EQ(table.create_alloc_sadbhdl(req, &handle), CRYPTO_ERR_RESOURCES);
+  EXPECT_EQ(table.create_alloc_sadbhdl({htonl(1), htonl(0x9999), 0}, &handle), CRYPTO_ERR_RESOURCES);
   EXPECT_TRUE(log.has(LOG_ERR, "CPA Main table is full"));
   EXPECT_EQ(table.kestrix_del_sadb(17), CRYPTO_NO_ERR);
   EXPECT_EQ(create(0x9999), 17u);
@@ -79,23 +64,16 @@ TEST_F(TunnelTableTest, LookupsAndOutOfRangeDeletes) {
   uint32_t idx = 77;
   EXPECT_EQ(table.sadb_lookup(1, &idx), CRYPTO_NO_ERR);
   EXPECT_EQ(idx, 1u);
-  EXPECT_EQ(table.sadb_lookup(0, &idx), CRYPTO_ERR_NO_SESSION);
-  EXPECT_EQ(table.sadb_lookup(2, &idx), CRYPTO_ERR_NO_SESSION);
-  EXPECT_EQ(table.sadb_lookup(4096, &idx), CRYPTO_ERR_NO_SESSION);
-  EXPECT_TRUE(log.has(LOG_DEBUG, "SADB handle 4096 not found"));
-
+  for (uint32_t absent : {0u, 2u, 4096u}) EXPECT_EQ(table.sadb_lookup(absent, &idx), CRYPTO_ERR_NO_SESSION);
   EXPECT_EQ(table.kestrix_sadb_lookup_by_reqid(&idx, 1), 0);
   EXPECT_EQ(table.kestrix_sadb_lookup_by_reqid(&idx, 3), 1);
-  EXPECT_TRUE(log.has(LOG_ERR, "reqid 3 not found"));
 
   table.at(1)->tunnelid = 7;
   EXPECT_EQ(table.kestrix_db_lookup_tunid(7, &idx), CRYPTO_NO_ERR);
   EXPECT_EQ(table.kestrix_db_lookup_tunid(8, &idx), CRYPTO_ERR_INVALID);
-  EXPECT_TRUE(log.has(LOG_DEBUG, " Tunnel Id 8 might have been deleted"));
   EXPECT_EQ(table.kestrix_db_lookup_tunid(0xFFFFFFFF, &idx), CRYPTO_ERR_INVALID);
   EXPECT_TRUE(log.has(LOG_ERR, "Invalid tunnel id [ffffffff] "));
 
-  log.clear();
   EXPECT_EQ(table.kestrix_del_sadb(0), CRYPTO_ERR_INTERNAL);
   EXPECT_EQ(table.kestrix_del_sadb(4096), CRYPTO_ERR_INTERNAL);
   EXPECT_EQ(log.count("index lesser than max tunnels"), 2);
