@@ -2,7 +2,7 @@
 
 import struct
 
-MSG_PAL, MSG_CEAL, MSG_IKE, MSG_KEEP_ALIVE = 0, 1, 2, 3
+MSG_PAL, MSG_KEEP_ALIVE = 0, 3
 
 
 def be16(v):

@@ -34,7 +34,6 @@ RP_ADDR = "127.0.0.2"
 SCRATCH = "/dev/.cpa-scratch"
 
 LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DEBUG = 3, 4, 6, 7
-LOG_LOCAL0 = 16
 
 _libc = ctypes.CDLL(None, use_errno=True)
 
@@ -51,14 +50,6 @@ def _mount(source, target, fstype, flags=0, data=None):
                        data.encode() if data else None), f"mount {target}")
 
 
-def _bind(source, target):
-    if os.path.isdir(source):
-        os.makedirs(target, exist_ok=True)
-    else:
-        open(target, "a").close()
-    _mount(source, target, None, MS_BIND)
-
-
 def _enter_mount_namespace():
     _check(_libc.unshare(CLONE_NEWNS), "unshare(CLONE_NEWNS)")
     _mount(None, "/", None, MS_REC | MS_PRIVATE)
@@ -68,7 +59,8 @@ def _enter_mount_namespace():
     for node in ("null", "zero", "full", "random", "urandom", "net/tun"):
         src = f"/proc/self/fd/{keep}/{node}"
         if os.path.exists(src):
-            _bind(src, f"/dev/{node}")
+            open(f"/dev/{node}", "a").close()
+            _mount(src, f"/dev/{node}", None, MS_BIND)
     os.close(keep)
     for name, target in (("fd", "/proc/self/fd"), ("stdin", "/proc/self/fd/0"),
                          ("stdout", "/proc/self/fd/1"), ("stderr", "/proc/self/fd/2")):
@@ -96,7 +88,7 @@ if SANDBOXED:
 class SyslogCapture:
     """Binds /dev/log and records every line: (priority, text)."""
 
-    LINE = re.compile(rb"^<(\d+)>(?:\w{3} [ \d]\d \d\d:\d\d:\d\d )?([^:\[]+)(?:\[(\d+)\])?: (.*)$", re.S)
+    LINE = re.compile(rb"^<(\d+)>(?:\w{3} [ \d]\d \d\d:\d\d:\d\d )?[^:\[]+(?:\[\d+\])?: (.*)$", re.S)
 
     def __init__(self, path="/dev/log"):
         if os.path.exists(path):
@@ -105,7 +97,7 @@ class SyslogCapture:
         self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
         self.sock.bind(path)
         self.sock.settimeout(0.05)
-        self.records = []  # (facility, priority, ident, text)
+        self.records = []  # (priority, text)
         self.cond = threading.Condition()
         self.running = True
         self.thread = threading.Thread(target=self._read, daemon=True)
@@ -120,24 +112,21 @@ class SyslogCapture:
             except OSError:
                 return
             m = self.LINE.match(raw)
-            if not m:
-                continue
-            pri = int(m.group(1))
-            record = (pri >> 3, pri & 7, m.group(2).decode(), m.group(4).decode(errors="replace"))
-            with self.cond:
-                self.records.append(record)
-                self.cond.notify_all()
+            if m:
+                with self.cond:
+                    self.records.append((int(m.group(1)) & 7, m.group(2).decode(errors="replace")))
+                    self.cond.notify_all()
 
     def lines(self):
         """(priority, text) of every line so far."""
         with self.cond:
-            return [(r[1], r[3]) for r in self.records]
+            return list(self.records)
 
     def wait_for(self, text, timeout=5.0, priority=None, count=1):
         deadline = time.monotonic() + timeout
         with self.cond:
             while True:
-                n = sum(1 for r in self.records if r[3] == text and (priority is None or r[1] == priority))
+                n = sum(1 for p, t in self.records if t == text and priority in (None, p))
                 if n >= count:
                     return True
                 left = deadline - time.monotonic()
@@ -169,8 +158,8 @@ class RpClient:
         s.bind((addr, port))
         return s
 
-    def send(self, datagram, sender=None):
-        (sender or self.sender).sendto(bytes(datagram), (AGENT_ADDR, PAL_PORT))
+    def send(self, datagram):
+        self.sender.sendto(bytes(datagram), (AGENT_ADDR, PAL_PORT))
 
     def receive(self, timeout=2.0):
         """The next datagram that reached the RP, or None."""
@@ -219,9 +208,6 @@ class Agent:
             time.sleep(0.02)
         return False
 
-    def wait_log(self, text, timeout=5.0, priority=None, count=1):
-        return self.syslog.wait_for(text, timeout, priority, count)
-
     def log_lines(self):
         return self.syslog.lines()
 
@@ -229,12 +215,12 @@ class Agent:
         return [t for _, t in self.syslog.lines()]
 
     def stdout(self):
-        with open(self.stdout_path, "rb") as f:
-            return f.read().decode()
+        with open(self.stdout_path, errors="replace") as f:
+            return f.read()
 
     def stderr(self):
-        with open(self.stderr_path, "rb") as f:
-            return f.read().decode(errors="replace")
+        with open(self.stderr_path, errors="replace") as f:
+            return f.read()
 
     def signal(self, sig):
         self.proc.send_signal(sig)
@@ -290,13 +276,10 @@ class AgentTestCase(unittest.TestCase):
             self.skipTest("end-to-end tests need root")
         if not os.access(BINARY, os.X_OK):
             self.fail(f"no agent binary at {BINARY}")
-        self._agents = []
-        self._rps = []
 
     def start_agent(self, *args, expect_running=True, wait_ready=True, env=None,
                     fresh_namespace=True):
         agent = Agent(*args, wait_ready=wait_ready, env=env, fresh_namespace=fresh_namespace)
-        self._agents.append((agent, expect_running))
         self.addCleanup(self._stop, agent, expect_running)
         return agent
 
@@ -311,6 +294,6 @@ class AgentTestCase(unittest.TestCase):
             self.fail(problem)
 
     def assertLogged(self, agent, text, priority=None, timeout=3.0, count=1):
-        if not agent.wait_log(text, timeout, priority, count):
+        if not agent.syslog.wait_for(text, timeout, priority, count):
             self.fail(f"{text!r} (priority {priority}) not logged {count}x; got:\n" +
                       "\n".join(repr(l) for l in agent.log_lines()))

@@ -28,8 +28,16 @@ def ifindex(name):
 
 
 class IntfAttach(AgentTestCase):
-    def open_tunnel(self, rp, create=0x100):
-        return struct.unpack(">I", rp.request(init_start(1, create))[10:14])[0]
+    """Each test has an agent and an RP that has opened one tunnel (self.sadb)."""
+
+    def setUp(self):
+        super().setUp()
+        self.agent = self.start_agent()
+        self.client = self.rp()
+        self.sadb = struct.unpack(">I", self.client.request(init_start(1, 0x100))[10:14])[0]
+
+    def attach(self, callback, sadb, tunnel_id=7):
+        return self.client.request(intf_attach(callback, sadb, tunnel_id))
 
     def assertUpWithTunnelMtu(self, name):
         out = link(name)
@@ -37,10 +45,8 @@ class IntfAttach(AgentTestCase):
         self.assertRegex(out, r"^\d+: " + name + r": <[^>]*\bUP\b[^>]*> mtu 9160 ")
 
     def test_attach_creates_the_device_and_repeating_it_changes_nothing(self):
-        agent = self.start_agent()
-        rp = self.rp()
-        sadb = self.open_tunnel(rp)
-        self.assertEqual(rp.request(intf_attach(0xCA11BAC4, sadb, 7)), answer(0xCA11BAC4, 1))
+        agent, sadb = self.agent, self.sadb
+        self.assertEqual(self.attach(0xCA11BAC4, sadb), answer(0xCA11BAC4, 1))
         self.assertUpWithTunnelMtu("svti7")
         index = ifindex("svti7")
         self.assertLogged(agent, "Created SVTI interface svti7", LOG_INFO)
@@ -50,17 +56,15 @@ class IntfAttach(AgentTestCase):
                                          r"Time \d+\.\d{5} seconds", text)
                             for _, text in agent.log_lines()))
 
-        self.assertEqual(rp.request(intf_attach(0x2, sadb, 7)), answer(0x2, 1))
+        self.assertEqual(self.attach(0x2, sadb), answer(0x2, 1))
         self.assertLogged(agent, "Duplicate tunnel ID 7SADB handle [1] status sent- success")
         self.assertEqual(ifindex("svti7"), index)
 
     def test_stale_device_is_deleted_and_created_again(self):
-        agent = self.start_agent()
-        rp = self.rp()
+        agent, sadb = self.agent, self.sadb
         subprocess.run(["ip", "tuntap", "add", "dev", "svti7", "mode", "tun"], check=True)
         stale = ifindex("svti7")
-        sadb = self.open_tunnel(rp)
-        self.assertEqual(rp.request(intf_attach(0x10, sadb, 7)), answer(0x10, 1))
+        self.assertEqual(self.attach(0x10, sadb), answer(0x10, 1))
         self.assertUpWithTunnelMtu("svti7")
         self.assertNotEqual(ifindex("svti7"), stale)
         self.assertLogged(agent, "Created SVTI interface svti7", LOG_INFO)
@@ -72,50 +76,37 @@ class IntfAttach(AgentTestCase):
         self.assertEqual(texts[start:start + len(expected)], expected)
         self.assertIn("ioctl: File exists", agent.stderr())
 
-    def test_refused_attaches(self):
-        agent = self.start_agent()
-        rp = self.rp()
-        sadb = self.open_tunnel(rp)
-        self.assertEqual(rp.request(intf_attach(0x33, 99, 7)), answer(0x33, 6))
-        self.assertEqual(rp.request(intf_attach(0, sadb, 7)), answer(0, 8))
-        self.assertLogged(agent, " isadb attribute request null ", LOG_ERR)
-        self.assertIsNone(link("svti7"))
-
     def test_detach_deletes_the_device_and_always_succeeds(self):
-        agent = self.start_agent()
-        rp = self.rp()
-        sadb = self.open_tunnel(rp)
-        rp.request(intf_attach(0x1, sadb, 7))
-        self.assertEqual(rp.request(intf_attach(0x44, 0, 7)), answer(0x44, 1))
+        agent, sadb = self.agent, self.sadb
+        self.attach(0x1, sadb)
+        self.assertEqual(self.attach(0x44, 0), answer(0x44, 1))
         self.assertIsNone(link("svti7"))
-        self.assertEqual(rp.request(intf_attach(0x45, 0, 7)), answer(0x45, 1))
+        self.assertEqual(self.attach(0x45, 0), answer(0x45, 1))
         self.assertLogged(agent, " Tunnel Id 7 might have been deleted", LOG_DEBUG)
         # Detached, the tunnel takes the id again.
-        self.assertEqual(rp.request(intf_attach(0x46, sadb, 7)), answer(0x46, 1))
+        self.assertEqual(self.attach(0x46, sadb), answer(0x46, 1))
         self.assertUpWithTunnelMtu("svti7")
 
-    def test_attach_and_detach_are_counted_apart(self):
-        agent = self.start_agent()
-        rp = self.rp()
-        sadb = self.open_tunnel(rp)
-        for request in (intf_attach(1, sadb, 7), intf_attach(2, sadb, 7), intf_attach(3, 99, 7),
-                        intf_attach(0, sadb, 7), intf_attach(4, 0, 7), intf_attach(5, 0, 7)):
-            self.assertIsNotNone(rp.request(request))
-        rows = counter_rows(agent)
+    def test_refusals_and_the_counts_of_attach_and_detach(self):
+        for callback, handle, status in ((3, 99, 6), (0, self.sadb, 8)):
+            self.assertEqual(self.attach(callback, handle), answer(callback, status))
+        self.assertLogged(self.agent, " isadb attribute request null ", LOG_ERR)
+        self.assertIsNone(link("svti7"))
+        for callback, handle in ((1, self.sadb), (2, self.sadb), (4, 0), (5, 0)):
+            self.assertEqual(self.attach(callback, handle), answer(callback, 1))
+        rows = counter_rows(self.agent)
         self.assertEqual(rows["KESTRIX_PAL_SADB_INTF_ATTACH-(Add)"], (3, 2, 1))
         self.assertEqual(rows["KESTRIX_PAL_SADB_INTF_ATTACH-(Del)"], (2, 2, 0))
 
     def test_no_descriptor_outlives_its_request(self):
-        agent = self.start_agent()
-        rp = self.rp()
-        sadb = self.open_tunnel(rp)
+        agent, sadb = self.agent, self.sadb
         fds = f"/proc/{agent.proc.pid}/fd"
         before = sorted(os.listdir(fds))
         for cycle in range(40):
             if cycle % 10 == 0:  # now and then a stale device too
                 subprocess.run(["ip", "tuntap", "add", "dev", "svti9", "mode", "tun"], check=True)
-            self.assertEqual(rp.request(intf_attach(cycle + 1, sadb, 9)), answer(cycle + 1, 1))
-            self.assertEqual(rp.request(intf_attach(cycle + 1, 0, 9)), answer(cycle + 1, 1))
+            self.assertEqual(self.attach(cycle + 1, sadb, 9), answer(cycle + 1, 1))
+            self.assertEqual(self.attach(cycle + 1, 0, 9), answer(cycle + 1, 1))
         self.assertEqual(sorted(os.listdir(fds)), before)
         self.assertIsNone(link("svti9"))
 

@@ -3,7 +3,7 @@ message types the request socket does not take, datagrams cut short."""
 
 import unittest
 
-from rp_messages import pal, init_start, MSG_KEEP_ALIVE, be16
+from rp_messages import pal, init_start, be16
 from sandbox import AgentTestCase, LOG_ERR, LOG_INFO
 
 # Response shape by command: total length and where the status sits.
@@ -43,12 +43,6 @@ class RpAddress(AgentTestCase):
 
 
 class Refused(AgentTestCase):
-    def test_keepalive_type_on_request_socket_gets_no_response(self):
-        agent = self.start_agent()
-        rp = self.rp()
-        self.assertIsNone(rp.request(be16(MSG_KEEP_ALIVE) + be16(2) + be16(1), timeout=0.3))
-        self.assertLogged(agent, "Unknown msg type 3 rcvd", LOG_ERR)
-
     def test_datagrams_too_short_for_a_command_are_dropped_with_one_line(self):
         agent = self.start_agent()
         rp = self.rp()

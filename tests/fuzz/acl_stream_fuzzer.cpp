@@ -1,39 +1,23 @@
 // Arbitrary PAL command bytes through the ACL record-stream walk, and the
 // dump of whatever policy it built.
-#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 
-#include "diag/log.h"
 #include "diag/state_dump.h"
+#include "fakes/log_capture.h"
 #include "pal/acl_policy.h"
 
-namespace {
-
-// Formats every line, so that each format meets its arguments, then drops it.
-class FormattingSink final : public cpa::LogSink {
- public:
-  void write(int, const char* format, va_list args) override {
-    char text[1024];
-    std::vsnprintf(text, sizeof text, format, args);
-  }
-};
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static FormattingSink sink;
-  static const bool installed = (cpa::set_log_sink(&sink), true);
-  (void)installed;
+  static cpa::test::LogCapture* log = new cpa::test::LogCapture;  // formats every line
+  log->clear();
   if (size < 2) return 0;
   // The first two bytes play the header's message_length, the rest is the
   // command as received.
   const size_t message_length = static_cast<size_t>(data[0]) << 8 | data[1];
   std::unique_ptr<cpa::cpa_spd_policy_t> policy;
-  const cpa::ce_status_t status = cpa::kestrix_alloc_set_policy(
-      cpa::ReceivedBytes(data + 2, size - 2), message_length, &policy);
+  const cpa::ce_status_t status =
+      cpa::kestrix_alloc_set_policy(cpa::ReceivedBytes(data + 2, size - 2), message_length, &policy);
   if (status == cpa::CRYPTO_NO_ERR) {
     cpa::PolicyList list;
     cpa::insert_node_policy(list, std::move(policy));

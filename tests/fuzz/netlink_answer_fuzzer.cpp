@@ -4,11 +4,11 @@
 #include <sys/socket.h>
 
 #include <cstdint>
-#include <cstring>
 #include <vector>
 
-#include "fakes/null_log.h"
 #include "fakes/fake_net_devices.h"
+#include "fakes/fake_xfrm_kernel.h"
+#include "fakes/log_capture.h"
 #include "kernel/netlink_transport.h"
 
 namespace {
@@ -20,27 +20,17 @@ struct Fixture {
     nl.attach(cpa::ScopedFd(ends[0]));
     kernel.reset(ends[1]);
   }
-  // Reads and drops what is waiting on `fd`.
-  static void drain(int fd) {
-    uint8_t scrap[8192];
-    while (recv(fd, scrap, sizeof scrap, MSG_DONTWAIT) > 0) {
-    }
-  }
-  cpa::test::NullLog log;
+  cpa::test::LogCapture log;
   cpa::test::FakeNetDevices devices;
   cpa::NetlinkTransport nl;
   cpa::ScopedFd kernel;
 };
 
-std::vector<uint8_t> ack(uint32_t seq) {
-  std::vector<uint8_t> m(36, 0);
-  const uint32_t len = 36, pid = static_cast<uint32_t>(getpid());
-  const uint16_t type = 2;
-  std::memcpy(&m[0], &len, 4);
-  std::memcpy(&m[4], &type, 2);
-  std::memcpy(&m[8], &seq, 4);
-  std::memcpy(&m[12], &pid, 4);
-  return m;
+// Reads and drops what is waiting on `fd`.
+void drain(int fd) {
+  uint8_t scrap[8192];
+  while (recv(fd, scrap, sizeof scrap, MSG_DONTWAIT) > 0) {
+  }
 }
 
 }  // namespace
@@ -48,14 +38,15 @@ std::vector<uint8_t> ack(uint32_t seq) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Fixture* f = new Fixture;
   if (size == 0 || size > cpa::kNetBufSize) return -1;  // a netlink answer is never empty
-  const std::vector<uint8_t> last = ack(f->nl.g_seq());
+  const std::vector<uint8_t> last = cpa::test::nl_error(f->nl.g_seq(), getpid(), 0);
   send(f->kernel.get(), data, size, 0);
   send(f->kernel.get(), last.data(), last.size(), 0);
   std::vector<uint8_t> request(16, 0);  // a bare header is request enough here
   request[0] = 16;
   cpa::net_buf answer{};
   f->nl.kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size());
-  Fixture::drain(f->nl.nlsock_fd());
-  Fixture::drain(f->kernel.get());
+  drain(f->nl.nlsock_fd());
+  drain(f->kernel.get());
+  f->log.clear();
   return 0;
 }
