@@ -225,12 +225,6 @@ std::string check_request(const Message& m, std::vector<Attr>& attrs) {
   return wrong.empty() ? shape->check(m, attrs) : wrong;
 }
 
-uint32_t svti_of(const Message& m, const std::vector<Attr>& attrs) {
-  for (const Attr& a : attrs)
-    if (a.type == kAttrSvti) return get<uint32_t>(m, a.pos);
-  return 0;
-}
-
 const Attr* find_attr(const std::vector<Attr>& attrs, uint16_t type) {
   for (const Attr& a : attrs)
     if (a.type == type) return &a;
@@ -308,9 +302,13 @@ FakeXfrmKernel::~FakeXfrmKernel() {
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
   }
+  wake();
+  thread_.join();
+}
+
+void FakeXfrmKernel::wake() {
   const uint64_t one = 1;
   (void)!write(wake_.get(), &one, sizeof one);
-  thread_.join();
 }
 
 ScopedFd FakeXfrmKernel::request_socket() { return monitor_socket(0); }
@@ -318,7 +316,9 @@ ScopedFd FakeXfrmKernel::request_socket() { return monitor_socket(0); }
 ScopedFd FakeXfrmKernel::monitor_socket(uint32_t groups) {
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return {};
-  add_connection(ScopedFd(ends[1]), true, groups);
+  std::lock_guard<std::mutex> lock(mutex_);
+  connections_.push_back({ScopedFd(ends[1]), true, groups});
+  wake();
   return ScopedFd(ends[0]);
 }
 
@@ -333,15 +333,8 @@ bool FakeXfrmKernel::listen_at(const std::string& path) {
     return false;
   std::lock_guard<std::mutex> lock(mutex_);
   listener_ = std::move(fd);
-  const uint64_t one = 1;
-  return write(wake_.get(), &one, sizeof one) == sizeof one;
-}
-
-void FakeXfrmKernel::add_connection(ScopedFd fd, bool bound, uint32_t groups) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  connections_.push_back({std::move(fd), bound, groups});
-  const uint64_t one = 1;
-  (void)!write(wake_.get(), &one, sizeof one);
+  wake();
+  return true;
 }
 
 void FakeXfrmKernel::reset() {
@@ -375,33 +368,13 @@ void FakeXfrmKernel::multicast_locked(uint32_t groups, const Message& message) {
       (void)!send(conn.fd.get(), message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
-std::vector<Message> FakeXfrmKernel::requests() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return requests_;
-}
-
-std::vector<std::string> FakeXfrmKernel::violations() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return violations_;
-}
-
-std::vector<FakeSa> FakeXfrmKernel::sas() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return sas_;
-}
-
-std::vector<FakePolicy> FakeXfrmKernel::policies() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return policies_;
-}
-
-void FakeXfrmKernel::set_observer(std::function<void(const std::string&)> observer) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  observer_ = std::move(observer);
-}
-
 void FakeXfrmKernel::note(const std::string& what) {
   if (observer_) observer_(what);
+}
+
+void FakeXfrmKernel::violation(const std::string& what) {
+  violations_.push_back(what);
+  note("violation: " + what);
 }
 
 void FakeXfrmKernel::serve() {
@@ -429,24 +402,19 @@ void FakeXfrmKernel::serve() {
                                [&](const Connection& c) { return c.fd.get() == p.fd; });
       if (conn == connections_.end()) continue;
       const ssize_t n = recv(p.fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
-      if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
+      if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR))
         connections_.erase(conn);
-      } else if (n > 0) {
+      else if (n > 0)
         take_datagram(*conn, Message(buffer.begin(), buffer.begin() + n));
-      }
     }
   }
 }
 
 void FakeXfrmKernel::take_datagram(Connection& conn, const Message& datagram) {
   if (!conn.bound) return bind_connection(conn, datagram);
-  if (conn.groups != 0) {
-    violations_.push_back("a monitor socket sent " + std::to_string(datagram.size()) + " bytes");
-    return note("violation: " + violations_.back());
-  }
+  if (conn.groups != 0) return violation("a monitor socket sent " + std::to_string(datagram.size()) + " bytes");
   requests_.push_back(datagram);
-  note("request type=" + std::to_string(get<uint16_t>(datagram, 4)) +
-       " len=" + std::to_string(datagram.size()));
+  note("request type=" + std::to_string(get<uint16_t>(datagram, 4)) + " len=" + std::to_string(datagram.size()));
   const Outcome outcome = answer(datagram);
   for (const Message& a : outcome.answers)
     (void)!send(conn.fd.get(), a.data(), a.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -455,10 +423,8 @@ void FakeXfrmKernel::take_datagram(Connection& conn, const Message& datagram) {
 
 // The first packet of an accepted agent socket is the address it binds.
 void FakeXfrmKernel::bind_connection(Connection& conn, const Message& datagram) {
-  if (datagram.size() != sizeof(sockaddr_nl) || get<uint16_t>(datagram, 0) != AF_NETLINK) {
-    violations_.push_back("bind packet of " + std::to_string(datagram.size()) + " bytes");
-    return note("violation: " + violations_.back());
-  }
+  if (datagram.size() != sizeof(sockaddr_nl) || get<uint16_t>(datagram, 0) != AF_NETLINK)
+    return violation("bind packet of " + std::to_string(datagram.size()) + " bytes");
   conn.bound = true;
   conn.groups = get<uint32_t>(datagram, offsetof(sockaddr_nl, nl_groups));
   ucred peer{};
@@ -484,8 +450,7 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::serve_request(const Message& request) {
   std::vector<Attr> attrs;
   const std::string wrong = check_request(request, attrs);
   if (!wrong.empty()) {
-    violations_.push_back(wrong);
-    note("violation: " + wrong);
+    violation(wrong);
     return {{error_answer(request, EINVAL, agent_pid_)}, {}};
   }
   const uint16_t type = get<uint16_t>(request, 4);
@@ -493,28 +458,28 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::serve_request(const Message& request) {
 }
 
 FakeXfrmKernel::Outcome FakeXfrmKernel::serve_sa(uint16_t type, const Message& request) {
-  const uint32_t seq = get<uint32_t>(request, 8);
-  const size_t spi_at = at::kHdr + (type == kNewSa ? at::kSaSpi : at::kSaIdSpi);
-  const size_t proto_at = at::kHdr + (type == kNewSa ? at::kSaProto : at::kSaIdProto);
-  const uint32_t daddr = get<uint32_t>(request, at::kHdr + (type == kNewSa ? at::kSaDaddr : 0));
-  const uint32_t spi = get<uint32_t>(request, spi_at);
-  const uint8_t proto = get<uint8_t>(request, proto_at);
+  const bool add = type == kNewSa;
+  const uint32_t daddr = get<uint32_t>(request, at::kHdr + (add ? at::kSaDaddr : 0));
+  const uint32_t spi = get<uint32_t>(request, at::kHdr + (add ? at::kSaSpi : at::kSaIdSpi));
+  const uint8_t proto = get<uint8_t>(request, at::kHdr + (add ? at::kSaProto : at::kSaIdProto));
   auto found = std::find_if(sas_.begin(), sas_.end(), [&](const FakeSa& sa) {
     return sa.daddr == daddr && sa.spi == spi && sa.proto == proto;
   });
-  if (type == kNewSa) {
-    if (proto != 50 && proto != 51) return {{error_answer(request, EINVAL, agent_pid_)}, {}};
-    if (found != sas_.end()) return {{error_answer(request, EEXIST, agent_pid_)}, {}};
-    std::vector<Attr> attrs;
-    walk_attrs(request, at::kHdr + at::kSaSize, attrs);
+  int error = 0;
+  if (add && proto != 50 && proto != 51)
+    error = EINVAL;
+  else if (add && found != sas_.end())
+    error = EEXIST;
+  else if (add)
     sas_.push_back({daddr, spi, proto, get<uint32_t>(request, at::kHdr + at::kSaReqid),
-                    svti_of(request, attrs), slice(request, at::kHdr, at::kSaSize)});
-    return {{error_answer(request, 0, agent_pid_)}, {}};
-  }
-  if (found == sas_.end()) return {{error_answer(request, ESRCH, agent_pid_)}, {}};
-  if (type == kGetSa) return {{nl_message(kNewSa, 0, seq, agent_pid_, found->body)}, {}};
-  sas_.erase(found);
-  return {{error_answer(request, 0, agent_pid_)}, {}};
+                    slice(request, at::kHdr, at::kSaSize)});
+  else if (found == sas_.end())
+    error = ESRCH;
+  else if (type == kGetSa)
+    return {{nl_message(kNewSa, 0, get<uint32_t>(request, 8), agent_pid_, found->body)}, {}};
+  else
+    sas_.erase(found);
+  return {{error_answer(request, error, agent_pid_)}, {}};
 }
 
 FakeXfrmKernel::Outcome FakeXfrmKernel::serve_policy(uint16_t type, const Message& request) {
@@ -525,33 +490,27 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::serve_policy(uint16_t type, const Messag
   const Message selector = slice(request, at::kHdr, at::kSelSize);
   const uint8_t dir = get<uint8_t>(request, at::kHdr + (add ? at::kPolDir : at::kPolIdDir));
   const uint32_t index = add ? 0 : get<uint32_t>(request, at::kHdr + at::kPolIdIndex);
-  const uint32_t svti = svti_of(request, attrs);
+  const uint32_t svti = get<uint32_t>(request, find_attr(attrs, kAttrSvti)->pos);
   auto found = std::find_if(policies_.begin(), policies_.end(), [&](const FakePolicy& p) {
     return index ? p.index == index : (p.selector == selector && p.dir == dir && p.svti == svti);
   });
   if (add) {
-    if (found != policies_.end() && type == kNewPolicy)
-      return {{error_answer(request, EEXIST, agent_pid_)}, {}};
-    FakePolicy p;
-    p.selector = selector;
-    p.dir = dir;
-    p.action = get<uint8_t>(request, at::kHdr + at::kPolAction);
+    if (found != policies_.end() && type == kNewPolicy) return {{error_answer(request, EEXIST, agent_pid_)}, {}};
+    FakePolicy p{selector, dir, get<uint8_t>(request, at::kHdr + at::kPolAction), 0, svti, 0,
+                 slice(request, at::kHdr, at::kPolSize), slice(request, find_attr(attrs, kAttrTmpl)->pos, at::kTmplSize)};
     p.index = found != policies_.end() ? found->index : (next_index_ | dir);
-    if (found == policies_.end()) next_index_ += 8;
-    p.svti = svti;
-    p.tmpl = slice(request, find_attr(attrs, kAttrTmpl)->pos, at::kTmplSize);
     p.reqid = get<uint32_t>(p.tmpl, at::kTmplReqid);
-    p.body = slice(request, at::kHdr, at::kPolSize);
     put<uint32_t>(p.body, at::kPolIndex, p.index);
     Message payload = p.body;
     append_attr(payload, kAttrTmpl, p.tmpl);
     append_attr(payload, kAttrPolicyType, Message(6, 0));
-    if (found != policies_.end())
+    if (found != policies_.end()) {
       *found = p;
-    else
+    } else {
       policies_.push_back(p);
-    return {{error_answer(request, 0, agent_pid_)},
-            {{kGroupPolicy, nl_message(type, 0, seq, agent_pid_, payload)}}};
+      next_index_ += 8;
+    }
+    return {{error_answer(request, 0, agent_pid_)}, {{kGroupPolicy, nl_message(type, 0, seq, agent_pid_, payload)}}};
   }
   if (found == policies_.end()) return {{error_answer(request, ENOENT, agent_pid_)}, {}};
   Message payload = found->body;
@@ -560,8 +519,7 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::serve_policy(uint16_t type, const Messag
   Message id = slice(request, at::kHdr, at::kPolIdSize);
   put<uint32_t>(id, at::kPolIdIndex, found->index);
   policies_.erase(found);
-  return {{error_answer(request, 0, agent_pid_)},
-          {{kGroupPolicy, nl_message(kDelPolicy, 0, seq, agent_pid_, id)}}};
+  return {{error_answer(request, 0, agent_pid_)}, {{kGroupPolicy, nl_message(kDelPolicy, 0, seq, agent_pid_, id)}}};
 }
 
 }  // namespace cpa::test

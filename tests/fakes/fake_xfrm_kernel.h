@@ -36,11 +36,9 @@ inline constexpr uint32_t kGroupAcquire = 1u << 0;
 inline constexpr uint32_t kGroupPolicy = 1u << 3;
 
 struct FakeSa {
-  uint32_t daddr = 0;  // as sent (network order)
-  uint32_t spi = 0;    // as sent (network order)
+  uint32_t daddr = 0, spi = 0;  // as sent (network order)
   uint8_t proto = 0;
   uint32_t reqid = 0;
-  uint32_t svti = 0;
   Message body;  // the 224-byte body as requested
 };
 
@@ -91,14 +89,17 @@ class FakeXfrmKernel {
   // Sends `message` to every monitor subscribed to one of `groups`.
   void multicast(uint32_t groups, const Message& message);
 
-  std::vector<Message> requests() const;
+  std::vector<Message> requests() const { return locked(requests_); }
   // What broke the platform's layouts (each such request was refused with EINVAL).
-  std::vector<std::string> violations() const;
-  std::vector<FakeSa> sas() const;
-  std::vector<FakePolicy> policies() const;
+  std::vector<std::string> violations() const { return locked(violations_); }
+  std::vector<FakeSa> sas() const { return locked(sas_); }
+  std::vector<FakePolicy> policies() const { return locked(policies_); }
 
   // Told of every bind, request and violation, on the serving thread.
-  void set_observer(std::function<void(const std::string&)> observer);
+  void set_observer(std::function<void(const std::string&)> observer) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    observer_ = std::move(observer);
+  }
 
  private:
   struct Connection {
@@ -112,8 +113,13 @@ class FakeXfrmKernel {
     std::vector<Message> raw;
   };
 
+  template <class T>
+  T locked(const T& table) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return table;
+  }
   void serve();
-  void add_connection(ScopedFd fd, bool bound, uint32_t groups);
+  void wake();
   void take_datagram(Connection& conn, const Message& datagram);
   void bind_connection(Connection& conn, const Message& datagram);
   Outcome answer(const Message& request);
@@ -122,6 +128,7 @@ class FakeXfrmKernel {
   Outcome serve_policy(uint16_t type, const Message& request);
   void multicast_locked(uint32_t groups, const Message& message);
   void note(const std::string& what);
+  void violation(const std::string& what);
 
   mutable std::mutex mutex_;
   uint32_t agent_pid_;
