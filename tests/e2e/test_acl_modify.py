@@ -81,19 +81,12 @@ class AclModifyOnFakeKernel(FakeKernelTestCase):
         lines = self.agent.log_lines()
         start = lines.index((LOG_INFO, ">>>KESTRIX POLICIES BEGIN<<<"))
         dump = lines[start:lines.index((LOG_INFO, ">>>KESTRIX POLICIES END<<<"))]
-        for line in [(LOG_INFO, "***POLICY 0:"),
-                     (LOG_DEBUG, "STATIC_SEQNO [33] DYNAMIC_SEQNO [34] "),
-                     (LOG_DEBUG, "notify_rp_handle [0xabcd]"),
-                     (LOG_DEBUG, "action: FORWARD_PACKET"),
-                     (LOG_INFO, "Kernel Index [16], direction [IN](0)"),
-                     (LOG_INFO, "Kernel Index [9], direction [OUT](1)"),
-                     (LOG_DEBUG, "local_addr4 [010.000.000.001], local_mask4 [24], "
-                                 "remote_addr4 [192.168.001.001], remote_mask4 [16]\n"
-                                 "protocol [17], any_port [0]")]:
-            self.assertIn(line, dump)
-        # The twin comes first, the ACE of the request after it.
+        # The kernel's indexes reached the twin (first) and the ACE of the request.
         self.assertLess(dump.index((LOG_INFO, "Kernel Index [16], direction [IN](0)")),
                         dump.index((LOG_INFO, "Kernel Index [9], direction [OUT](1)")))
+        for line in [(LOG_DEBUG, "STATIC_SEQNO [33] DYNAMIC_SEQNO [34] "),
+                     (LOG_DEBUG, "notify_rp_handle [0xabcd]")]:
+            self.assertIn(line, dump)
 
     def test_an_acquire_asks_the_rp_with_the_newest_policys_handle(self):
         self.assertEqual(self.modify(2, ace(1) + notify_actions(0x1111)), answer(1))

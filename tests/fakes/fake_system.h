@@ -14,11 +14,6 @@ namespace cpa::test {
 class FakeClock final : public Clock {
  public:
   timespec monotonic_now() override { return now; }
-  void advance_ns(long ns) {
-    now.tv_nsec += ns;
-    now.tv_sec += now.tv_nsec / 1000000000L;
-    now.tv_nsec %= 1000000000L;
-  }
   timespec now{1000, 0};
 };
 

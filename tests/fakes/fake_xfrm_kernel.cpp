@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "support/wire_reader.h"
+
 namespace cpa::test {
 namespace {
 
@@ -44,13 +46,6 @@ constexpr uint16_t kAttrAuth = 1, kAttrCrypt = 2, kAttrTmpl = 5, kAttrPolicyType
                    kAttrAead = 18, kAttrSvti = 34;
 
 size_t align4(size_t n) { return (n + 3) & ~size_t{3}; }
-
-template <class T>
-T get(const Message& m, size_t pos) {
-  T v{};
-  if (pos + sizeof v <= m.size()) std::memcpy(&v, m.data() + pos, sizeof v);
-  return v;
-}
 
 template <class T>
 void put(Message& m, size_t pos, T v) {
@@ -96,10 +91,10 @@ std::string walk_attrs(const Message& m, size_t from, std::vector<Attr>& out) {
   size_t pos = align4(from);
   while (pos < m.size()) {
     if (pos + 4 > m.size()) return "attribute header cut short at " + std::to_string(pos);
-    const uint16_t len = get<uint16_t>(m, pos);
+    const uint16_t len = host_at<uint16_t>(m, pos);
     if (len < 4 || pos + len > m.size())
       return "attribute at " + std::to_string(pos) + " has rta_len " + std::to_string(len);
-    out.push_back({get<uint16_t>(m, pos + 2), pos + 4, len - 4u});
+    out.push_back({host_at<uint16_t>(m, pos + 2), pos + 4, len - 4u});
     pos += align4(len);
   }
   return pos == m.size() ? "" : "nlmsg_len is not the aligned end of the last attribute";
@@ -108,20 +103,20 @@ std::string walk_attrs(const Message& m, size_t from, std::vector<Attr>& out) {
 std::string check_algo(const Message& m, const Attr& a, size_t header) {
   if (a.len < header) return "algorithm attribute of " + std::to_string(a.len) + " bytes";
   if (!std::memchr(m.data() + a.pos, 0, 64)) return "algorithm name not terminated";
-  const uint32_t bits = get<uint32_t>(m, a.pos + at::kAlgoKeyBits);
+  const uint32_t bits = host_at<uint32_t>(m, a.pos + at::kAlgoKeyBits);
   if (bits % 8 != 0 || a.len != header + bits / 8)
     return "algorithm key of " + std::to_string(bits) + " bits in " + std::to_string(a.len) + " bytes";
-  if (header == at::kAeadSize && get<uint32_t>(m, a.pos + at::kAeadIcvBits) % 32 != 0)
+  if (header == at::kAeadSize && host_at<uint32_t>(m, a.pos + at::kAeadIcvBits) % 32 != 0)
     return "AEAD ICV length not a multiple of 32 bits";
   return "";
 }
 
 std::string check_template(const Message& m, const Attr& a) {
   if (a.len != at::kTmplSize) return "template of " + std::to_string(a.len) + " bytes";
-  const uint8_t proto = get<uint8_t>(m, a.pos + at::kTmplProto);
-  if (get<uint16_t>(m, a.pos + at::kTmplFamily) != 2) return "template family not AF_INET";
+  const uint8_t proto = host_at<uint8_t>(m, a.pos + at::kTmplProto);
+  if (host_at<uint16_t>(m, a.pos + at::kTmplFamily) != 2) return "template family not AF_INET";
   if (proto != 50 && proto != 51) return "template protocol " + std::to_string(proto);
-  if (get<uint8_t>(m, a.pos + at::kTmplMode) > 1) return "template mode above 1";
+  if (host_at<uint8_t>(m, a.pos + at::kTmplMode) > 1) return "template mode above 1";
   return "";
 }
 
@@ -162,9 +157,9 @@ bool sa_attribute_order_ok(const std::vector<Attr>& attrs) {
 std::string check_sa_add(const Message& m, const std::vector<Attr>& attrs) {
   if (!sa_attribute_order_ok(attrs)) return "SA attributes in order [" + type_list(attrs) + "]";
   const size_t body = at::kHdr;
-  if (get<uint16_t>(m, body + at::kSaFamily) != 2) return "SA family not AF_INET";
-  if (get<uint16_t>(m, body + at::kSelFamily) != 2) return "SA selector family not AF_INET";
-  if (get<uint8_t>(m, body + at::kSaMode) > 1) return "SA mode above 1";
+  if (host_at<uint16_t>(m, body + at::kSaFamily) != 2) return "SA family not AF_INET";
+  if (host_at<uint16_t>(m, body + at::kSelFamily) != 2) return "SA selector family not AF_INET";
+  if (host_at<uint8_t>(m, body + at::kSaMode) > 1) return "SA mode above 1";
   if (!all_zero(m, body + at::kSaCurlft, 32 + 12)) return "SA counters not zero";
   if (!all_zero(m, body + at::kSaHole, 3)) return "SA reserved bytes not zero";
   return "";
@@ -172,7 +167,7 @@ std::string check_sa_add(const Message& m, const std::vector<Attr>& attrs) {
 
 std::string check_sa_id(const Message& m, const std::vector<Attr>& attrs) {
   if (!attrs.empty()) return "SA get/delete with attributes [" + type_list(attrs) + "]";
-  if (get<uint16_t>(m, at::kHdr + at::kSaIdFamily) != 2) return "SA id family not AF_INET";
+  if (host_at<uint16_t>(m, at::kHdr + at::kSaIdFamily) != 2) return "SA id family not AF_INET";
   if (!all_zero(m, at::kHdr + at::kSaIdPad, at::kSaIdSize - at::kSaIdPad))
     return "SA id padding or source address not zero";
   return "";
@@ -181,9 +176,9 @@ std::string check_sa_id(const Message& m, const std::vector<Attr>& attrs) {
 std::string check_policy_add(const Message& m, const std::vector<Attr>& attrs) {
   if (type_list(attrs) != "34 5") return "policy attributes in order [" + type_list(attrs) + "]";
   const size_t body = at::kHdr;
-  if (get<uint16_t>(m, body + at::kSelFamily) != 2) return "policy selector family not AF_INET";
-  if (get<uint8_t>(m, body + at::kPolDir) > 2) return "policy direction above 2";
-  if (get<uint8_t>(m, body + at::kPolAction) > 1) return "policy action above 1";
+  if (host_at<uint16_t>(m, body + at::kSelFamily) != 2) return "policy selector family not AF_INET";
+  if (host_at<uint8_t>(m, body + at::kPolDir) > 2) return "policy direction above 2";
+  if (host_at<uint8_t>(m, body + at::kPolAction) > 1) return "policy action above 1";
   if (!all_zero(m, body + at::kPolCurlft, 32 + 24)) return "policy counters not zero";
   if (!all_zero(m, body + at::kPolHole, 4)) return "policy hole not zero";
   return "";
@@ -191,7 +186,7 @@ std::string check_policy_add(const Message& m, const std::vector<Attr>& attrs) {
 
 std::string check_policy_id(const Message& m, const std::vector<Attr>& attrs) {
   if (type_list(attrs) != "34") return "policy id attributes [" + type_list(attrs) + "]";
-  if (get<uint8_t>(m, at::kHdr + at::kPolIdDir) > 2) return "policy direction above 2";
+  if (host_at<uint8_t>(m, at::kHdr + at::kPolIdDir) > 2) return "policy direction above 2";
   if (!all_zero(m, at::kHdr + at::kPolIdPad, 3)) return "policy id padding not zero";
   return "";
 }
@@ -211,9 +206,9 @@ const Shape kShapes[] = {
 
 std::string check_request(const Message& m, std::vector<Attr>& attrs) {
   if (m.size() < at::kHdr) return "request of " + std::to_string(m.size()) + " bytes";
-  if (get<uint32_t>(m, 0) != m.size()) return "nlmsg_len differs from the bytes sent";
-  if (get<uint16_t>(m, 6) != (NLM_F_REQUEST | NLM_F_ACK)) return "flags not NLM_F_REQUEST|NLM_F_ACK";
-  const uint16_t type = get<uint16_t>(m, 4);
+  if (host_at<uint32_t>(m, 0) != m.size()) return "nlmsg_len differs from the bytes sent";
+  if (host_at<uint16_t>(m, 6) != (NLM_F_REQUEST | NLM_F_ACK)) return "flags not NLM_F_REQUEST|NLM_F_ACK";
+  const uint16_t type = host_at<uint16_t>(m, 4);
   const Shape* shape = nullptr;
   for (const Shape& s : kShapes)
     if (s.type == type) shape = &s;
@@ -287,7 +282,7 @@ Message error_answer(const Message& request, int err, uint32_t pid) {
   // An acknowledgement quotes the request's header; a refusal all of it.
   const size_t quoted = err ? request.size() : std::min(request.size(), at::kHdr);
   payload.insert(payload.end(), request.begin(), request.begin() + quoted);
-  return nl_message(NLMSG_ERROR, err ? 0 : NLM_F_CAPPED, get<uint32_t>(request, 8), pid, payload);
+  return nl_message(NLMSG_ERROR, err ? 0 : NLM_F_CAPPED, host_at<uint32_t>(request, 8), pid, payload);
 }
 
 }  // namespace
@@ -414,7 +409,7 @@ void FakeXfrmKernel::take_datagram(Connection& conn, const Message& datagram) {
   if (!conn.bound) return bind_connection(conn, datagram);
   if (conn.groups != 0) return violation("a monitor socket sent " + std::to_string(datagram.size()) + " bytes");
   requests_.push_back(datagram);
-  note("request type=" + std::to_string(get<uint16_t>(datagram, 4)) + " len=" + std::to_string(datagram.size()));
+  note("request type=" + std::to_string(host_at<uint16_t>(datagram, 4)) + " len=" + std::to_string(datagram.size()));
   const Outcome outcome = answer(datagram);
   for (const Message& a : outcome.answers)
     (void)!send(conn.fd.get(), a.data(), a.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -423,17 +418,17 @@ void FakeXfrmKernel::take_datagram(Connection& conn, const Message& datagram) {
 
 // The first packet of an accepted agent socket is the address it binds.
 void FakeXfrmKernel::bind_connection(Connection& conn, const Message& datagram) {
-  if (datagram.size() != sizeof(sockaddr_nl) || get<uint16_t>(datagram, 0) != AF_NETLINK)
+  if (datagram.size() != sizeof(sockaddr_nl) || host_at<uint16_t>(datagram, 0) != AF_NETLINK)
     return violation("bind packet of " + std::to_string(datagram.size()) + " bytes");
   conn.bound = true;
-  conn.groups = get<uint32_t>(datagram, offsetof(sockaddr_nl, nl_groups));
+  conn.groups = host_at<uint32_t>(datagram, offsetof(sockaddr_nl, nl_groups));
   ucred peer{};
   socklen_t len = sizeof peer;
   if (conn.groups == 0 && getsockopt(conn.fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &len) == 0)
     agent_pid_ = static_cast<uint32_t>(peer.pid);
   char text[64];
   std::snprintf(text, sizeof text, "bound groups=0x%x pid=%u", conn.groups,
-                get<uint32_t>(datagram, offsetof(sockaddr_nl, nl_pid)));
+                host_at<uint32_t>(datagram, offsetof(sockaddr_nl, nl_pid)));
   note(text);
 }
 
@@ -453,15 +448,15 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::serve_request(const Message& request) {
     violation(wrong);
     return {{error_answer(request, EINVAL, agent_pid_)}, {}};
   }
-  const uint16_t type = get<uint16_t>(request, 4);
+  const uint16_t type = host_at<uint16_t>(request, 4);
   return type <= kGetSa ? serve_sa(type, request) : serve_policy(type, request);
 }
 
 FakeXfrmKernel::Outcome FakeXfrmKernel::serve_sa(uint16_t type, const Message& request) {
   const bool add = type == kNewSa;
-  const uint32_t daddr = get<uint32_t>(request, at::kHdr + (add ? at::kSaDaddr : 0));
-  const uint32_t spi = get<uint32_t>(request, at::kHdr + (add ? at::kSaSpi : at::kSaIdSpi));
-  const uint8_t proto = get<uint8_t>(request, at::kHdr + (add ? at::kSaProto : at::kSaIdProto));
+  const uint32_t daddr = host_at<uint32_t>(request, at::kHdr + (add ? at::kSaDaddr : 0));
+  const uint32_t spi = host_at<uint32_t>(request, at::kHdr + (add ? at::kSaSpi : at::kSaIdSpi));
+  const uint8_t proto = host_at<uint8_t>(request, at::kHdr + (add ? at::kSaProto : at::kSaIdProto));
   auto found = std::find_if(sas_.begin(), sas_.end(), [&](const FakeSa& sa) {
     return sa.daddr == daddr && sa.spi == spi && sa.proto == proto;
   });
@@ -471,35 +466,35 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::serve_sa(uint16_t type, const Message& r
   else if (add && found != sas_.end())
     error = EEXIST;
   else if (add)
-    sas_.push_back({daddr, spi, proto, get<uint32_t>(request, at::kHdr + at::kSaReqid),
+    sas_.push_back({daddr, spi, proto, host_at<uint32_t>(request, at::kHdr + at::kSaReqid),
                     slice(request, at::kHdr, at::kSaSize)});
   else if (found == sas_.end())
     error = ESRCH;
   else if (type == kGetSa)
-    return {{nl_message(kNewSa, 0, get<uint32_t>(request, 8), agent_pid_, found->body)}, {}};
+    return {{nl_message(kNewSa, 0, host_at<uint32_t>(request, 8), agent_pid_, found->body)}, {}};
   else
     sas_.erase(found);
   return {{error_answer(request, error, agent_pid_)}, {}};
 }
 
 FakeXfrmKernel::Outcome FakeXfrmKernel::serve_policy(uint16_t type, const Message& request) {
-  const uint32_t seq = get<uint32_t>(request, 8);
+  const uint32_t seq = host_at<uint32_t>(request, 8);
   const bool add = type == kNewPolicy || type == kUpdPolicy;
   std::vector<Attr> attrs;
   walk_attrs(request, at::kHdr + (add ? at::kPolSize : at::kPolIdSize), attrs);
   const Message selector = slice(request, at::kHdr, at::kSelSize);
-  const uint8_t dir = get<uint8_t>(request, at::kHdr + (add ? at::kPolDir : at::kPolIdDir));
-  const uint32_t index = add ? 0 : get<uint32_t>(request, at::kHdr + at::kPolIdIndex);
-  const uint32_t svti = get<uint32_t>(request, find_attr(attrs, kAttrSvti)->pos);
+  const uint8_t dir = host_at<uint8_t>(request, at::kHdr + (add ? at::kPolDir : at::kPolIdDir));
+  const uint32_t index = add ? 0 : host_at<uint32_t>(request, at::kHdr + at::kPolIdIndex);
+  const uint32_t svti = host_at<uint32_t>(request, find_attr(attrs, kAttrSvti)->pos);
   auto found = std::find_if(policies_.begin(), policies_.end(), [&](const FakePolicy& p) {
     return index ? p.index == index : (p.selector == selector && p.dir == dir && p.svti == svti);
   });
   if (add) {
     if (found != policies_.end() && type == kNewPolicy) return {{error_answer(request, EEXIST, agent_pid_)}, {}};
-    FakePolicy p{selector, dir, get<uint8_t>(request, at::kHdr + at::kPolAction), 0, svti, 0,
+    FakePolicy p{selector, dir, host_at<uint8_t>(request, at::kHdr + at::kPolAction), 0, svti, 0,
                  slice(request, at::kHdr, at::kPolSize), slice(request, find_attr(attrs, kAttrTmpl)->pos, at::kTmplSize)};
     p.index = found != policies_.end() ? found->index : (next_index_ | dir);
-    p.reqid = get<uint32_t>(p.tmpl, at::kTmplReqid);
+    p.reqid = host_at<uint32_t>(p.tmpl, at::kTmplReqid);
     put<uint32_t>(p.body, at::kPolIndex, p.index);
     Message payload = p.body;
     append_attr(payload, kAttrTmpl, p.tmpl);

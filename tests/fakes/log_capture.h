@@ -1,6 +1,8 @@
-// Records the agent's log lines (priority and text) while it is alive.
+// Records the agent's log lines (priority and formatted text) while it is alive.
 #pragma once
 
+#include <algorithm>
+#include <cstdio>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -18,16 +20,36 @@ struct LogLine {
 
 class LogCapture final : public LogSink {
  public:
-  LogCapture();
-  ~LogCapture() override;
-  void write(int priority, const char* format, va_list args) override;
+  LogCapture() : previous_(set_log_sink(this)) {}
+  ~LogCapture() override { set_log_sink(previous_); }
+  void write(int priority, const char* format, va_list args) override {
+    char text[8192];
+    std::vsnprintf(text, sizeof text, format, args);
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.push_back({priority, text});
+  }
 
-  std::vector<LogLine> lines() const;
-  std::vector<std::string> texts() const;
-  bool has(int priority, std::string_view text) const;
-  bool has_text(std::string_view text) const;
-  int count(std::string_view text) const;
-  void clear();
+  std::vector<LogLine> lines() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lines_;
+  }
+  std::vector<std::string> texts() const {
+    std::vector<std::string> out;
+    for (const auto& line : lines()) out.push_back(line.text);
+    return out;
+  }
+  bool has(int priority, std::string_view text) const {
+    const auto all = lines();
+    return std::find(all.begin(), all.end(), LogLine{priority, std::string(text)}) != all.end();
+  }
+  int count(std::string_view text) const {
+    const auto all = texts();
+    return static_cast<int>(std::count(all.begin(), all.end(), text));
+  }
+  void clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    lines_.clear();
+  }
 
  private:
   mutable std::mutex mutex_;
