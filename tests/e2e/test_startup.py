@@ -16,18 +16,22 @@ SEGMENT_SIZE = 0x39BBDFC0
 
 class Options(AgentTestCase):
     def test_usage_exits_zero_before_any_socket(self):
-        for opt in ("-h", "-x"):
+        for opt in ("-h", "-?", "-x"):
             agent = self.start_agent("-u", opt, expect_running=False, wait_ready=False)
             self.assertEqual(agent.wait_exit(), 0)
             self.assertEqual(agent.stdout(),
                              f"Enabling UT\n\nUsage: {agent.proc.args[0]} -d <DEBUG LVL>\nDEBUG LVL: 0-7\n")
             self.assertNotIn("socket() is OK", agent.texts())
 
-    def test_bad_values_are_reported_and_the_agent_runs(self):
-        agent = self.start_agent("-r", "48", "-d", "9")
-        self.assertEqual(agent.stdout(), "The replay window size values can either be 32 or 64. "
-                                         "Setting it to default\n\nDEBUG must be between 0-7\n")
-        self.assertLogged(agent, "Replay window size is 32\n", LOG_DEBUG)
+    def test_values_and_what_is_printed(self):
+        for args, printed, window in (
+                (("-r", "48", "-d", "9"), "The replay window size values can either be 32 or 64. "
+                                          "Setting it to default\n\nDEBUG must be between 0-7\n", 32),
+                (("-r", "64", "-d", "-1"), "\nDEBUG must be between 0-7\n", 64),
+                (("-d", "x"), "", 0)):
+            agent = self.start_agent(*args)
+            self.assertEqual(agent.stdout(), printed)
+            self.assertLogged(agent, f"Replay window size is {window}\n", LOG_DEBUG)
 
     def test_debug_level_filters_syslog(self):
         agent = self.start_agent("-d", "3")
@@ -82,14 +86,17 @@ class StartupSequence(AgentTestCase):
 
 
 class FastPathSegment(AgentTestCase):
-    def test_segment_is_mapped_when_present(self):
-        fd = os.open(SEGMENT, os.O_CREAT | os.O_RDWR, 0o600)
-        os.ftruncate(fd, SEGMENT_SIZE)
-        os.close(fd)
+    def test_segment_is_mapped_when_present_and_big_enough(self):
         self.addCleanup(os.unlink, SEGMENT)
-        agent = self.start_agent()
-        mapped = [t for _, t in agent.log_lines() if t.startswith("SUCCESS: Fastpath shared memory")]
-        self.assertEqual(len(mapped), 1)
+        for size in (SEGMENT_SIZE - 1, SEGMENT_SIZE):
+            fd = os.open(SEGMENT, os.O_CREAT | os.O_RDWR, 0o600)
+            os.ftruncate(fd, size)
+            os.close(fd)
+            agent = self.start_agent()
+            mapped = [t for _, t in agent.log_lines() if t.startswith("SUCCESS: Fastpath shared memory")]
+            self.assertEqual(len(mapped), size // SEGMENT_SIZE)
+            if not mapped:
+                self.assertLogged(agent, "ERROR: Failed to open shared memory\n", LOG_ERR)
         self.assertRegex(mapped[0], r"^SUCCESS: Fastpath shared memory mapped successfully with "
                                     r"size = 0x39bbdfc0 addr = 0x[0-9a-f]+\n$")
 

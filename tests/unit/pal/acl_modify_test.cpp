@@ -24,18 +24,8 @@ using Records = std::vector<std::vector<uint8_t>>;
 // A permit ACE with fields derived from `handle`: local 10.0.0.h/24 port
 // 1000+h, remote 192.168.h.1/16 port 2000+h, UDP.
 AceSpec ace(uint32_t handle, uint32_t type = kestrix_ace_permit, uint32_t ip_type = 4) {
-  AceSpec a;
-  a.ip_type = ip_type;
-  a.type = type;
-  a.handle = handle;
-  a.local_addr = 0x0A000000 + handle;
-  a.local_mask = 24;
-  a.remote_addr = 0xC0A80001 + (handle << 8);
-  a.remote_mask = 16;
-  a.protocol = 17;
-  a.local_port = {0, 1, {static_cast<uint16_t>(1000 + handle)}};
-  a.remote_port = {0, 1, {static_cast<uint16_t>(2000 + handle)}};
-  return a;
+  return {ip_type, type, 0, 0, handle, 0x0A000000 + handle, 24, 0xC0A80001 + (handle << 8), 16, 17, 0,
+          {0, 1, {static_cast<uint16_t>(1000 + handle)}}, {0, 1, {static_cast<uint16_t>(2000 + handle)}}, 0};
 }
 
 // The four actions of a policy whose outbound action notifies the RP.
@@ -55,29 +45,21 @@ Records acl(const std::vector<AceSpec>& aces, Records tail = actions()) {
   return out;
 }
 
-std::string dotted(uint32_t a) {
-  char b[16];
-  std::snprintf(b, sizeof b, "%u.%u.%u.%u", a >> 24, a >> 16 & 0xff, a >> 8 & 0xff, a & 0xff);
-  return b;
-}
-
 // One kernel request in a line, read from the platform's offsets:
 // "type dir action|index src/prefix:port>dst/prefix:port proto svti [template]".
 std::string describe(const Message& m) {
   const uint16_t type = u16_at(m, 4);
   const bool add = type == 19 || type == 25;
+  const auto addr = [&](size_t at) {
+    return std::to_string(m[at]) + "." + std::to_string(m[at + 1]) + "." + std::to_string(m[at + 2]) + "." +
+           std::to_string(m[at + 3]);
+  };
   char text[200];
-  std::snprintf(text, sizeof text, "%u dir%u %s%u %s/%u:%u>%s/%u:%u p%u svti%u", type,
-                u8_at(m, add ? 200 : 76), add ? "act" : "idx", add ? u8_at(m, 201) : u32_at(m, 72),
-                dotted(be32_at(m, 32)).c_str(), u8_at(m, 59), be16_at(m, 52),
-                dotted(be32_at(m, 16)).c_str(), u8_at(m, 58), be16_at(m, 48), u8_at(m, 60),
-                u32_at(m, add ? 212 : 84));
+  std::snprintf(text, sizeof text, "%u dir%u %s%u %s/%u:%u>%s/%u:%u p%u svti%u", type, u8_at(m, add ? 200 : 76),
+                add ? "act" : "idx", add ? u8_at(m, 201) : u32_at(m, 72), addr(32).c_str(), u8_at(m, 59),
+                be16_at(m, 52), addr(16).c_str(), u8_at(m, 58), be16_at(m, 48), u8_at(m, 60), u32_at(m, add ? 212 : 84));
   std::string out = text;
-  if (add) {
-    std::snprintf(text, sizeof text, " tmpl%u/m%u/r%u", u8_at(m, 240), u8_at(m, 268),
-                  u32_at(m, 264));
-    out += text;
-  }
+  if (add) out += " tmpl" + std::to_string(m[240]) + "/m" + std::to_string(m[268]) + "/r" + std::to_string(u32_at(m, 264));
   return out;
 }
 
@@ -131,7 +113,7 @@ class AclModify : public ::testing::Test {
   }
   size_t policies() {
     size_t n = 0;
-    for ([[maybe_unused]] const cpa_spd_policy_t& p : tunnel().head_policy) ++n;
+    for (const cpa_spd_policy_t* p = tunnel().head_policy.head(); p; p = p->next.get()) ++n;
     return n;
   }
 
