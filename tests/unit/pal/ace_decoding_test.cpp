@@ -68,32 +68,14 @@ const std::vector<uint8_t> kDecryptData =
     Bytes().be32(0x51).raw({0, 0, 0, 0, 0, 0, 1, 2}).be16(0x33).zeros(2).be32(1).be32(0x44);
 const std::vector<uint8_t> kEncryptData = Bytes().be32(0x61).be16(0x62).zeros(2).be32(1);
 
-TEST(ActionDecoding, SetActionDecodesEveryKindAndKeepsAnUnknownOneAsItIs) {
+// The known kinds are decoded in the record walker's test.
+TEST(ActionDecoding, AnUnknownActionIsKeptAsItIsAndNothingElseIsConverted) {
   LogCapture log;
   kestrix_cdh_action out{};
-  auto in = wire_action(CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, Bytes().be32(0xCAFE));
+  const auto in = wire_action(7, Bytes().be32(0xCAFE));
   kestrix_set_action(&in, &out);
-  EXPECT_EQ(out.action, 1u);
-  EXPECT_EQ(out.data.notify_rp_handle, 0xCAFEu);
-
-  in = wire_action(CDH_ACTION_DECRYPT_PACKET, kDecryptData);
-  kestrix_set_action(&in, &out);
-  const auto& d = out.data.decrypt;
-  EXPECT_EQ(std::vector<uint64_t>({d.sa, d.post_decrypt_check, d.post_decrypt_ivrf, d.reinject, d.tunnel_id}),
-            std::vector<uint64_t>({0x51, 0x102, 0x33, 1, 0x44}));
-
-  in = wire_action(CDH_ACTION_ENCRYPT_PACKET, kEncryptData);
-  kestrix_set_action(&in, &out);
-  const auto& e = out.data.encrypt;
-  EXPECT_EQ(std::vector<uint32_t>({out.action, e.sa, e.post_encrypt_fvrf, e.dummy_generate}),
-            std::vector<uint32_t>({4, 0x61, 0x62, 1}));
-
-  log.clear();
-  kestrix_cdh_action bad{};
-  in = wire_action(7, Bytes().be32(0xCAFE));
-  kestrix_set_action(&in, &bad);
-  EXPECT_EQ(bad.action, 7u);
-  EXPECT_EQ(bad.data.notify_rp_handle, 0u);
+  EXPECT_EQ(out.action, 7u);
+  EXPECT_EQ(out.data.notify_rp_handle, 0u);
   EXPECT_EQ(log.lines(), (std::vector<LogLine>{{LOG_DEBUG, "ACTION 0x7"}, {LOG_ERR, "WRONG CDH_ACTION"}}));
 }
 
