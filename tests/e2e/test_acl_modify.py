@@ -8,7 +8,7 @@ import socket
 import unittest
 
 from counter_report import counter_rows
-from fake_kernel import FakeKernelTestCase, GROUP_POLICY
+from fake_kernel import FakeKernelTestCase, GROUP_ACQUIRE, GROUP_POLICY
 from rp_messages import (ace_record, acl_modify, be16, be32, init_start, intf_attach,
                          notify_actions)
 from sandbox import AgentTestCase, LOG_DEBUG, LOG_ERR, LOG_INFO
@@ -87,6 +87,15 @@ class AclModifyOnFakeKernel(FakeKernelTestCase):
         for line in [(LOG_DEBUG, "STATIC_SEQNO [33] DYNAMIC_SEQNO [34] "),
                      (LOG_DEBUG, "notify_rp_handle [0xabcd]")]:
             self.assertIn(line, dump)
+
+    def test_acquires_of_another_group_or_without_a_policy_send_nothing(self):
+        self.assertTrue(self.kernel.acquire(GROUP_ACQUIRE, 1))  # not the agent's group
+        self.assertTrue(self.kernel.acquire(GROUP_POLICY, 1))
+        self.assertLogged(self.agent, "outbound action not found for notify rp", LOG_ERR)
+        self.assertTrue(self.kernel.acquire(GROUP_POLICY, 9))
+        self.assertLogged(self.agent, "Process an acquire notification ERROR", LOG_ERR)
+        self.assertEqual(self.agent.texts().count("XFRM_MSG_ACQUIRE:"), 2)
+        self.assertIsNone(self.rp_client.receive(timeout=0.3))
 
     def test_an_acquire_asks_the_rp_with_the_newest_policys_handle(self):
         self.assertEqual(self.modify(2, ace(1) + notify_actions(0x1111)), answer(1))

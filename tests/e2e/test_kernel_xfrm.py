@@ -1,11 +1,9 @@
-"""The agent's kernel side: its NETLINK_XFRM sockets in the agent's own
-network namespace, and the groups its monitor socket takes events from (the
+"""The agent's NETLINK_XFRM sockets in its own network namespace (the
 listener's handling of each event is unit-tested)."""
 
 import re
 import unittest
 
-from fake_kernel import FakeKernelTestCase, GROUP_ACQUIRE, GROUP_POLICY
 from sandbox import AgentTestCase, LOG_DEBUG, LOG_ERR
 
 NETLINK_XFRM = 6
@@ -31,18 +29,6 @@ class RealKernelSockets(AgentTestCase):
         sockets = xfrm_sockets()
         self.assertIn((agent.proc.pid, 0), sockets)
         self.assertEqual(sorted(groups for _, groups in sockets), [0, 8])
-
-
-class FakeKernelEvents(FakeKernelTestCase):
-    def test_acquires_arrive_only_on_a_subscribed_group(self):
-        self.assertTrue(self.kernel.acquire(GROUP_ACQUIRE, 1))  # not the agent's group
-        self.assertTrue(self.kernel.acquire(GROUP_POLICY, 1))
-        self.assertLogged(self.agent, "XFRM_MSG_ACQUIRE:", LOG_DEBUG)
-        self.assertLogged(self.agent, "outbound action not found for notify rp", LOG_ERR)
-        self.assertTrue(self.kernel.acquire(GROUP_POLICY, 9))
-        self.assertLogged(self.agent, "Process an acquire notification ERROR", LOG_ERR)
-        self.assertEqual(self.agent.texts().count("XFRM_MSG_ACQUIRE:"), 2)
-        self.assertIsNone(self.rp_client.receive(timeout=0.3))
 
 
 if __name__ == "__main__":

@@ -116,40 +116,6 @@ TEST(TransportSocket, SendAndReceiveFailuresAreReported) {
   EXPECT_TRUE(log.has(LOG_ERR, "netlink send error Broken pipe (32)\n"));
 }
 
-TEST(Attributes, AppendedAtTheAlignedEndOnlyWhenTheyFit) {
-  LogCapture log;
-  Message msg(64, 0xee);
-  msg[0] = 18;  // nlmsg_len 18: the next attribute starts at 20
-  msg[1] = msg[2] = msg[3] = 0;
-  const uint8_t three[3] = {1, 2, 3};
-  ASSERT_EQ(add_nl_attr(msg.data(), 9, msg.size(), three, sizeof three), 0);
-  EXPECT_EQ(u32_at(msg, 0), 28u);  // 20 + 7 rounded up
-  EXPECT_EQ(Message(msg.begin() + 20, msg.begin() + 27), (Message{7, 0, 9, 0, 1, 2, 3}));
-
-  const uint8_t big[37] = {};
-  EXPECT_EQ(add_nl_attr(msg.data(), 9, msg.size(), big, sizeof big), 1);  // 28 + 44 > 64
-  EXPECT_TRUE(log.has(LOG_ERR, "ERROR: Invalid attr len!"));
-  EXPECT_EQ(u32_at(msg, 0), 28u);
-  EXPECT_EQ(add_nl_attr(msg.data(), 9, msg.size(), big, 32), 0);  // exactly to the end
-  EXPECT_EQ(u32_at(msg, 0), 64u);
-}
-
-TEST(Attributes, LookupWalksOnlyWellFormedAttributes) {
-  const Message two{8, 0, 1, 0, 0xa, 0xb, 0xc, 0xd, 6, 0, 2, 0, 0x11, 0x22, 0, 0};
-  const ReceivedBytes attrs(two.data(), two.size());
-  const auto second = kestrix_rtattr_get(2, attrs);
-  ASSERT_TRUE(second);
-  EXPECT_EQ(Message(second->data(), second->data() + second->size()), (Message{0x11, 0x22}));
-  EXPECT_FALSE(kestrix_rtattr_get(3, attrs));
-  EXPECT_FALSE(kestrix_rtattr_get(1, attrs.slice(0, 3)));
-  EXPECT_FALSE(kestrix_rtattr_get(2, attrs.slice(0, 12)));  // the second runs past the end
-  for (uint8_t bad_len : {0, 3, 17}) {
-    Message m = two;
-    m[0] = bad_len;
-    EXPECT_FALSE(kestrix_rtattr_get(2, ReceivedBytes(m.data(), m.size()))) << int(bad_len);
-  }
-}
-
 TEST(SvtiIndex, NamesTheDeviceOfTheTunnelAndClosesWhatItOpened) {
   FakeNetDevices devices;
   devices.add_device("svti70");

@@ -109,6 +109,13 @@ TEST_F(SaMessages, AhCarriesItsSpiAndMacAndComesAfterEspWhenBothAreUsed) {
   EXPECT_EQ(tail(428), Bytes().h16(72).h16(1).zeros(68).vec());
 }
 
+TEST_F(SaMessages, AKeyOfAnyLengthEndsItsAttributeOnTheNextAlignedByte) {
+  kestrix_ce_cipher_list_t r = aes_sha1();
+  set_key(r.esp_mac_key_info, 21, 0x40);  // 93 bytes of attribute, 3 of padding
+  ASSERT_EQ(add(r), 0);
+  EXPECT_EQ(tail(336), Bytes().h16(93).h16(1).text("hmac(sha1)", 64).h32(168).ramp(0x40, 21).zeros(3).vec());
+}
+
 TEST_F(SaMessages, ReplayWindowIsTheAgentsUnlessTheRecordTurnsItOff) {
   kestrix_ce_cipher_list_t r = aes_sha1();
   ASSERT_EQ(add(r, nullptr, 64), 0);

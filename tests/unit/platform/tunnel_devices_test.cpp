@@ -6,7 +6,6 @@
 #include <linux/if_tun.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
@@ -17,15 +16,6 @@
 
 namespace cpa::test {
 namespace {
-
-TEST(SvtiNames, TunnelIdsAndNamesConvertBothWays) {
-  LogCapture log;
-  EXPECT_EQ(kestrix_tunid_to_ifname(4294967295u), "svti4294967295");
-  for (const auto& [name, id] : {std::pair<const char*, int>{"svti12", 12}, {"svti0", 0}, {"eth0", -1}, {"svti", -1},
-                                 {"svti-3", -1}, {"svti4294967295", -1}, {nullptr, -1}, {"svti1234567890123", -1}})
-    EXPECT_EQ(kestrix_ifname_to_tunid(name), id) << (name ? name : "null");
-  EXPECT_EQ(log.texts(), (std::vector<std::string>{"Null ifname", "ifname size cannot be > 16"}));
-}
 
 class Devices : public ::testing::Test {
  protected:
@@ -155,18 +145,6 @@ TEST_F(Devices, DeletingAMissingDeviceOrOneWithoutANameFails) {
   kernel.fail_socket = ENFILE;
   EXPECT_EQ(svti_del(kernel, "svti7"), 1);
   EXPECT_TRUE(log.has(LOG_ERR, "socket failed: Too many open files in system"));
-}
-
-TEST_F(Devices, SetIfFlagsSetsOrClearsBitsAndTheMtu) {
-  kernel.add_device("svti7");
-  const int s = kernel.socket(AF_INET, SOCK_DGRAM, 0).rc;
-  EXPECT_EQ(setifflags(kernel, s, "svti7", IFF_UP | IFF_NOARP), 0);
-  EXPECT_EQ(kernel.device("svti7")->flags, IFF_UP | IFF_NOARP);
-  EXPECT_EQ(kernel.device("svti7")->mtu, 9160);
-  EXPECT_EQ(setifflags(kernel, s, "svti7", -IFF_UP), 0);
-  EXPECT_EQ(kernel.device("svti7")->flags, IFF_NOARP);
-  EXPECT_EQ(setifflags(kernel, s, "svti8", IFF_UP), 1);
-  kernel.close(s);
 }
 
 }  // namespace
