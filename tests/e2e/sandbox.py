@@ -12,6 +12,7 @@ Requires root (CI and the README's test command run as root).
 
 import ctypes
 import os
+import pathlib
 import re
 import signal
 import socket
@@ -145,7 +146,6 @@ class RpClient:
     responses are read where the agent sends them, RP_ADDR port 23456."""
 
     def __init__(self, addr=RP_ADDR):
-        self.addr = addr
         self.inbox = self._bound(addr, PAL_PORT)
         self.sender = self._bound(addr, 0)
 
@@ -191,12 +191,12 @@ class Agent:
         with open(self.stdout_path, "wb") as out, open(self.stderr_path, "wb") as err:
             self.proc = subprocess.Popen([BINARY, *args], stdout=out, stderr=err,
                                          env={**os.environ, **(env or {})})
-        if wait_ready and not self.wait_ports_bound(PAL_PORT, KEEPALIVE_PORT):
+        if wait_ready and not self.wait_ports_bound():
             raise AssertionError(f"agent did not come up: {self.syslog.lines()}")
 
-    def wait_ports_bound(self, *ports, timeout=10.0):
-        """Waits until UDP sockets of this namespace are bound to all `ports`."""
-        wanted = {f"{p:04X}" for p in ports}
+    def wait_ports_bound(self, timeout=10.0):
+        """Waits until UDP sockets of this namespace are bound to both of the agent's ports."""
+        wanted = {f"{p:04X}" for p in (PAL_PORT, KEEPALIVE_PORT)}
         deadline = time.monotonic() + timeout
         while time.monotonic() < deadline:
             with open("/proc/net/udp") as f:
@@ -215,12 +215,10 @@ class Agent:
         return [t for _, t in self.syslog.lines()]
 
     def stdout(self):
-        with open(self.stdout_path, errors="replace") as f:
-            return f.read()
+        return pathlib.Path(self.stdout_path).read_text(errors="replace")
 
     def stderr(self):
-        with open(self.stderr_path, errors="replace") as f:
-            return f.read()
+        return pathlib.Path(self.stderr_path).read_text(errors="replace")
 
     def signal(self, sig):
         self.proc.send_signal(sig)

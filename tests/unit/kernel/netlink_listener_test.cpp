@@ -1,7 +1,6 @@
 #include "kernel/netlink_listener.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include "fakes/kernel_test_agent.h"
@@ -52,11 +51,6 @@ class Listener : public ::testing::Test {
   RecordingPolicyEvents* events;
 };
 
-bool readable(int fd) {
-  pollfd p{fd, POLLIN, 0};
-  return poll(&p, 1, 0) == 1;
-}
-
 TEST_F(Listener, OnlyTheKernelsAndTheAgentsOwnEventsAreHandled) {
   const uint32_t reqid = t.open_tunnel(0x100);
   t.kernel.multicast(kGroupPolicy, policy_event(19, 4242, 0x99, 1, reqid));
@@ -94,8 +88,11 @@ TEST_F(Listener, EveryOtherEventIsOnlyLogged) {
                                                  {LOG_ERR, "Unknown message: 00000020 0x00000028 0x00000300\n"}}));
 }
 
-TEST_F(Listener, MalformedDatagramsAreLoggedAndTheNextOneIsRead) {
+TEST_F(Listener, MalformedDatagramsAreLoggedAndOnlyTheFirstMessageOfOneCounts) {
   const uint32_t reqid = t.open_tunnel(0x100);
+  Message two = policy_event(30, 0, 0, 0, std::nullopt);
+  const Message second = policy_event(19, 0, 0x51, 1, reqid);
+  two.insert(two.end(), second.begin(), second.end());
   Message claims_more = policy_event(19, 0, 0x31, 1, reqid);
   claims_more[0] = 0xff;
   claims_more[1] = 0x01;  // nlmsg_len 511 > what arrived
@@ -108,19 +105,10 @@ TEST_F(Listener, MalformedDatagramsAreLoggedAndTheNextOneIsRead) {
   t.kernel.multicast(kGroupPolicy, policy_event(19, 0, 0x41, 1, reqid));
   EXPECT_EQ(listen(), 0);
   EXPECT_EQ(t.log.count("ERROR: NLMSG_OK failed!"), 3);
-  EXPECT_EQ(events->updates, (std::vector<RecordingPolicyEvents::Update>{{reqid, 0x41, 1}}));
-  EXPECT_FALSE(readable(monitor.get()));
-}
-
-TEST_F(Listener, OnlyTheFirstMessageOfADatagramCounts) {
-  const uint32_t reqid = t.open_tunnel(0x100);
-  Message two = policy_event(30, 0, 0, 0, std::nullopt);
-  const Message second = policy_event(19, 0, 0x51, 1, reqid);
-  two.insert(two.end(), second.begin(), second.end());
-  t.kernel.multicast(kGroupPolicy, two);
+  t.kernel.multicast(kGroupPolicy, two);  // a monitor socket holds only a few datagrams
   EXPECT_EQ(listen(), 0);
-  EXPECT_TRUE(t.log.has(LOG_DEBUG, "XFRM_MSG_NEWAE:"));
-  EXPECT_TRUE(events->updates.empty());
+  EXPECT_EQ(t.log.count("XFRM_MSG_NEWAE:"), 1);
+  EXPECT_EQ(events->updates, (std::vector<RecordingPolicyEvents::Update>{{reqid, 0x41, 1}}));
 }
 
 TEST_F(Listener, PoliciesWithoutUsableTemplateOrTunnelChangeNothing) {
