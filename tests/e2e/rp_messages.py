@@ -2,7 +2,7 @@
 
 import struct
 
-MSG_PAL, MSG_KEEP_ALIVE = 0, 3
+MSG_PAL, MSG_CEAL, MSG_KEEP_ALIVE = 0, 1, 3
 
 
 def be16(v):
@@ -22,6 +22,10 @@ def pal(cmd, body=b"", length=None):
     if length is None:
         length = 2 + len(body)
     return be16(MSG_PAL) + be16(length) + be16(cmd) + body
+
+
+def ceal(api_type, body=b""):
+    return be16(MSG_CEAL) + be16(2 + len(body)) + be16(api_type) + body
 
 
 def init_start(callback, create, hint=0):

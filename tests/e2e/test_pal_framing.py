@@ -1,9 +1,10 @@
-"""Framing of request datagrams: response shapes, the latched RP address,
-message types the request socket does not take, datagrams cut short."""
+"""Framing of request datagrams: PAL and CEAL response shapes, the latched RP
+address, datagrams cut short."""
 
 import unittest
 
-from rp_messages import pal, init_start, be16
+from counter_report import counter_rows
+from rp_messages import be16, be32, ceal, init_start, pal
 from sandbox import AgentTestCase, LOG_ERR, LOG_INFO
 
 # Response shape by command: total length and where the status sits.
@@ -28,6 +29,25 @@ class ResponseShapes(AgentTestCase):
                 self.assertEqual(data[10:length - 4], bytes(length - 14), f"command {cmd}")
         self.assertLogged(agent, "action: INVALID cmd_type 7 status 1", LOG_INFO)
         self.assertLogged(agent, "action: INVALID cmd_type 30 status 1", LOG_INFO)
+
+
+class CealShapes(AgentTestCase):
+    def test_each_api_type_is_answered_in_its_shape_as_unsupported(self):
+        agent = self.start_agent()
+        rp = self.rp()
+        handles = bytes(range(1, 13))
+        # api type, response length, handle bytes echoed, where the status sits (0: no status)
+        for api, size, echoed, status_at in ((0, 281, 4, 10), (1, 22, 8, 18), (2, 36, 10, 0),
+                                             (3, 128, 10, 0), (4, 14, 4, 10)):
+            expected = bytearray(be16(1) + be16(size) + be16(api) + handles[:echoed] + bytes(size - 6 - echoed))
+            if status_at:
+                expected[status_at:status_at + 4] = be32(2)
+            self.assertEqual(rp.request(ceal(api, handles)), bytes(expected), api)
+        # A request cut short echoes what did arrive.
+        self.assertEqual(rp.request(ceal(4, b"\xaa")), be16(1) + be16(14) + be16(4) + b"\xaa\0\0\0" + be32(2))
+        rows = counter_rows(agent)
+        self.assertEqual([rows[name] for name in ("KESTRIX_CEAL_CE_CREATE_KEY_BY_KEYS", "KESTRIX_CEAL_CE_DELETE_FLOW")],
+                         [(1, 0, 1), (2, 0, 2)])
 
 
 class RpAddress(AgentTestCase):

@@ -87,13 +87,6 @@ TEST_F(Transport, ShortAndMalformedAnswersFail) {
   }
 }
 
-TEST_F(Transport, AGetAnsweredByTheObjectLeavesItInTheAnswer) {
-  const Message object = nl_message(19, 0, 1, getpid(), Message(192, 0xab));
-  t.kernel.answer_next({object});
-  EXPECT_EQ(send(), 0);
-  EXPECT_TRUE(std::equal(object.begin(), object.end(), answer.begin()));
-}
-
 TEST(TransportSocket, SendAndReceiveFailuresAreReported) {
   LogCapture log;
   FakeNetDevices devices;

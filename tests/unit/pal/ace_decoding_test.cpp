@@ -1,7 +1,6 @@
 // ACE and action records from their wire layout (built from offsets) to host order.
 #include "pal/ace_decoding.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -64,10 +63,6 @@ kestrix_cdh_action wire_action(uint32_t action, const std::vector<uint8_t>& data
   return wire_copy<kestrix_cdh_action>(action_body(action, data));
 }
 
-const std::vector<uint8_t> kDecryptData =
-    Bytes().be32(0x51).raw({0, 0, 0, 0, 0, 0, 1, 2}).be16(0x33).zeros(2).be32(1).be32(0x44);
-const std::vector<uint8_t> kEncryptData = Bytes().be32(0x61).be16(0x62).zeros(2).be32(1);
-
 // The known kinds are decoded in the record walker's test.
 TEST(ActionDecoding, AnUnknownActionIsKeptAsItIsAndNothingElseIsConverted) {
   LogCapture log;
@@ -77,27 +72,6 @@ TEST(ActionDecoding, AnUnknownActionIsKeptAsItIsAndNothingElseIsConverted) {
   EXPECT_EQ(out.action, 7u);
   EXPECT_EQ(out.data.notify_rp_handle, 0u);
   EXPECT_EQ(log.lines(), (std::vector<LogLine>{{LOG_DEBUG, "ACTION 0x7"}, {LOG_ERR, "WRONG CDH_ACTION"}}));
-}
-
-TEST(ActionDecoding, ActionGetAcceptsOnlyWhatAnSaCarries) {
-  struct Case {
-    uint32_t act_type, action;
-    int result;
-  };
-  for (const Case c : {Case{8, CDH_ACTION_DECRYPT_PACKET, 0}, Case{8, CDH_ACTION_ENCRYPT_PACKET, 1},
-                       Case{8, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, 1}, Case{9, CDH_ACTION_ENCRYPT_PACKET, 0},
-                       Case{9, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, 0}, Case{9, CDH_ACTION_DECRYPT_PACKET, 1},
-                       Case{9, CDH_ACTION_FORWARD_PACKET, 1}, Case{10, CDH_ACTION_ENCRYPT_PACKET, 1}}) {
-    const std::vector<uint8_t> data = c.action == CDH_ACTION_DECRYPT_PACKET   ? kDecryptData
-                                      : c.action == CDH_ACTION_ENCRYPT_PACKET ? kEncryptData
-                                                                              : Bytes().be32(0x71);
-    const auto in = wire_action(c.action, data);
-    kestrix_cdh_action out{};
-    EXPECT_EQ(kestrix_action_get(c.act_type, &in, &out), c.result) << c.act_type << "/" << c.action;
-    EXPECT_EQ(out.action, c.act_type == 10 ? 0 : c.action);  // a wrong action type is not read at all
-    // The first data word is the SA id or the notify handle.
-    EXPECT_EQ(out.data.notify_rp_handle, c.result == 0 ? ntohl(in.data.notify_rp_handle) : 0u);
-  }
 }
 
 }  // namespace

@@ -9,21 +9,11 @@
 #include "fakes/test_agent.h"
 #include "support/acl_builder.h"
 
-namespace cpa {
+namespace cpa::test {
 namespace {
 
-using test::acl_command;
-using test::AceSpec;
-using test::action_record;
-using test::Bytes;
-
 AceSpec ace(uint32_t handle, uint32_t ip_type = 4) {
-  AceSpec a;
-  a.ip_type = ip_type;
-  a.handle = handle;
-  a.local_addr = 0x0A000000 + handle;
-  a.local_port = {0, 1, {1000}};
-  return a;
+  return {ip_type, 0, 0, 0, handle, 0x0A000000 + handle, 0, 0, 0, 0, 0, {0, 1, {1000}}, {}, 0};
 }
 
 struct Built {
@@ -47,23 +37,23 @@ std::vector<uint32_t> ace_handles(const cpa_spd_policy_t& policy) {
   return out;
 }
 
-int error_lines(const test::LogCapture& log) {
+int error_lines(const LogCapture& log) {
   const auto lines = log.lines();
   return static_cast<int>(
       std::count_if(lines.begin(), lines.end(), [](const auto& l) { return l.priority == LOG_ERR; }));
 }
 
 TEST(AclPolicy, BuildsAPolicyFromTheRecordStream) {
-  test::LogCapture log;
+  LogCapture log;
   const auto command = acl_command(
-      2, {test::ace_record(KESTRIX_PAL_ACE_ACL_DESC, ace(1)),
+      2, {ace_record(KESTRIX_PAL_ACE_ACL_DESC, ace(1)),
           action_record(KESTRIX_PAL_IN_ACTION, CDH_ACTION_DECRYPT_PACKET,
                         Bytes().be32(0x51).be64(0x102).be16(0x33).zeros(2).be32(1).be32(0x44)),
           action_record(KESTRIX_PAL_OUT_ACTION, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, Bytes().be32(0x77)),
           action_record(KESTRIX_PAL_IN_DENY_ACTION, CDH_ACTION_DISCARD_PACKET),
           action_record(KESTRIX_PAL_OUT_DENY_ACTION, CDH_ACTION_ENCRYPT_PACKET, Bytes().be32(0x88).be16(0x62).zeros(2).be32(1)),
-          test::ace_record(KESTRIX_PAL_ACE_DECR_ACL_OUT_DENY_ACTION, ace(2)),
-          test::ace_record(KESTRIX_PAL_ACE_ACE_DESC, ace(3, 6))});
+          ace_record(KESTRIX_PAL_ACE_DECR_ACL_OUT_DENY_ACTION, ace(2)),
+          ace_record(KESTRIX_PAL_ACE_ACE_DESC, ace(3, 6))});
   const Built built = build(command);
   ASSERT_EQ(built.status, CRYPTO_NO_ERR);
   const cpa_spd_policy_t& policy = *built.policy;
@@ -90,7 +80,7 @@ TEST(AclPolicy, BuildsAPolicyFromTheRecordStream) {
 
 TEST(AclPolicy, RecordsCutShortOrOfUnknownKindFailTheRequestWithoutReadingPastTheBytes) {
   const auto full =
-      acl_command(2, {test::ace_record(1, ace(1)), action_record(9, CDH_ACTION_DISCARD_PACKET)});
+      acl_command(2, {ace_record(1, ace(1)), action_record(9, CDH_ACTION_DISCARD_PACKET)});
   const size_t n = full.size();  // 52 + 126 + 32
   const std::vector<uint8_t> with_tail = Bytes().append(full).u8(0x00).vec();
   const auto with_kind = [&](uint16_t kind) { return Bytes().append(full).be16(kind).be16(28).zeros(28).vec(); };
@@ -112,7 +102,7 @@ TEST(AclPolicy, RecordsCutShortOrOfUnknownKindFailTheRequestWithoutReadingPastTh
       {{full.begin(), full.begin() + 30}, 30, nullptr},
   };
   for (const Case& c : cases) {
-    test::LogCapture log;
+    LogCapture log;
     const Built built = build(c.bytes, c.message_length);
     SCOPED_TRACE(c.message_length);
     if (!c.error) {
@@ -143,7 +133,7 @@ struct Tunnel {
     }
   }
   cpa_interface_t& record() { return *agent.agent.tunnels.at(1); }
-  test::TestAgent agent;
+  TestAgent agent;
 };
 
 TEST(AclPolicy, MatchPolicyLooksAtEveryAceOfEveryPolicy) {
@@ -160,7 +150,7 @@ TEST(AclPolicy, MatchPolicyLooksAtEveryAceOfEveryPolicy) {
 TEST(AclPolicy, KernelIndexGoesToTheFirstAceOfItsDirectionInTheNewestPolicy) {
   Tunnel tunnel({{9}, {1, 2, 0, 0}});  // newest policy walks 0, 0, 2, 1
   TunnelTable& tunnels = tunnel.agent.agent.tunnels;
-  test::LogCapture log;
+  LogCapture log;
   EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, 0x100, kAceDirOut), 0);
   EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, 0x108, kAceDirOut), 0);
   EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, 0x201, kAceDirIn), 0);
@@ -183,4 +173,4 @@ TEST(AclPolicy, KernelIndexGoesToTheFirstAceOfItsDirectionInTheNewestPolicy) {
 }
 
 }  // namespace
-}  // namespace cpa
+}  // namespace cpa::test

@@ -88,10 +88,12 @@ TEST(PalDispatcher, FailedSendIsLoggedAndStillCounted) {
   EXPECT_EQ(t.agent.counters.dbg_ctrs.p_init_start_req_respok, 1u);
 }
 
-TEST(PalDispatcher, UnitTestModeSilencesPeerSpiAndFlowInserts) {
+TEST(PalDispatcher, UnitTestModeSilencesPeerSpiAndFlowInsertsAndCeal) {
   TestAgent t(AgentSettings{.g_unit_test_on = 1});
   for (uint16_t cmd : {11, 13, 15}) t.deliver(pal_request(cmd, Bytes().be32(1).zeros(40)));
+  t.deliver(Bytes().be16(1).be16(2).be16(0));
   EXPECT_TRUE(t.take_sent().empty());
+  EXPECT_EQ(t.agent.counters.ceal_dbg_ctrs.c_create_key_req, 1u);
   EXPECT_EQ(t.exchange(pal_request(12, Bytes().be32(1).zeros(8))).size(), 14u);
   EXPECT_EQ(t.agent.counters.dbg_ctrs.p_peer_insert_req, 1u);
   EXPECT_EQ(t.agent.counters.dbg_ctrs.p_peer_insert_resperr, 0u);
