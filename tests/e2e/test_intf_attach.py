@@ -49,9 +49,7 @@ class IntfAttach(AgentTestCase):
         self.assertEqual(self.attach(0xCA11BAC4, sadb), answer(0xCA11BAC4, 1))
         self.assertUpWithTunnelMtu("svti7")
         index = ifindex("svti7")
-        self.assertLogged(agent, "Created SVTI interface svti7", LOG_INFO)
         self.assertLogged(agent, "KESTRIX_PAL_SADB_INTF_ATTACH ca11bac4 00000001", LOG_INFO)
-        self.assertLogged(agent, " KESTRIX_PAL_SADB_INTF_ATTACH req status 1", LOG_DEBUG)
         self.assertTrue(any(re.fullmatch(r"KESTRIX_PAL_SADB_INTF_ATTACH ca11bac4 00000001 status 1 "
                                          r"Time \d+\.\d{5} seconds", text)
                             for _, text in agent.log_lines()))
@@ -67,7 +65,6 @@ class IntfAttach(AgentTestCase):
         self.assertEqual(self.attach(0x10, sadb), answer(0x10, 1))
         self.assertUpWithTunnelMtu("svti7")
         self.assertNotEqual(ifindex("svti7"), stale)
-        self.assertLogged(agent, "Created SVTI interface svti7", LOG_INFO)
         texts = agent.texts()
         expected = ["ioctl : svti7- File exists", "SVTI interface svti7, tunnelId 7 already exists",
                     "Deleting stale SVTI interface svti7", "---svti deleted [svti7]",

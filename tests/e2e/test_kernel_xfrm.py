@@ -4,7 +4,7 @@ listener's handling of each event is unit-tested)."""
 import re
 import unittest
 
-from sandbox import AgentTestCase, LOG_DEBUG, LOG_ERR
+from sandbox import AgentTestCase, LOG_DEBUG
 
 NETLINK_XFRM = 6
 
