@@ -9,7 +9,7 @@ import unittest
 
 from counter_report import REPORT, counter_rows
 from rp_messages import be16, init_start, keepalive
-from sandbox import (AgentTestCase, RecordedCommands, AGENT_ADDR, KEEPALIVE_PORT, RP_ADDR,
+from sandbox import (AgentTestCase, AGENT_ADDR, KEEPALIVE_PORT, RP_ADDR,
                      LOG_ERR, LOG_INFO, LOG_WARNING)
 
 KEEPALIVE_SENT = bytes([0, 3, 0x18, 0]) + bytes(12) + b"IPSEC_DP" + bytes(4)
@@ -92,20 +92,6 @@ class CounterReport(AgentTestCase):
         self.assertEqual(counter_rows(agent)["KESTRIX_PAL_SADB_INIT_START"], (2, 1, 1))
         time.sleep(1.2)
         self.assertFalse(os.path.exists(REPORT))  # one report for both signals
-
-    def test_missing_log_directory_leaves_the_marker_command(self):
-        commands = RecordedCommands("touch")
-        os.rename("/usr/admin/log", "/usr/admin/log.away")
-        self.addCleanup(os.rename, "/usr/admin/log.away", "/usr/admin/log")
-        agent = self.start_agent(env=commands.env)
-        peer = KeepalivePeer(self)
-        peer.send()
-        peer.receive(2.5)
-        agent.signal(signal.SIGUSR1)
-        deadline = time.monotonic() + 3
-        while not commands.lines() and time.monotonic() < deadline:
-            time.sleep(0.05)
-        self.assertEqual(commands.lines(), ["touch /usr/admin/log/.cpa_err"])
 
 
 if __name__ == "__main__":

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,6 +17,7 @@ struct LogLine {
   int priority;
   std::string text;
   bool operator==(const LogLine&) const = default;
+  friend void PrintTo(const LogLine& l, std::ostream* os) { *os << l.priority << " \"" << l.text << "\""; }
 };
 
 class LogCapture final : public LogSink {

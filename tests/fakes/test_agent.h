@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "daemon/agent.h"
@@ -23,11 +24,7 @@ struct TestAgent {
     return kestrix_pal_process_msg(agent, ReceivedBytes(exact.data(), exact.size()));
   }
   // The datagrams sent to the RP since the last call.
-  std::vector<std::vector<uint8_t>> take_sent() {
-    auto out = std::move(rp.sent);
-    rp.sent.clear();
-    return out;
-  }
+  std::vector<std::vector<uint8_t>> take_sent() { return std::exchange(rp.sent, {}); }
   // Delivers one datagram; the one response it drew (empty when none or several).
   std::vector<uint8_t> exchange(const std::vector<uint8_t>& datagram) {
     deliver(datagram);
