@@ -30,9 +30,8 @@ def ace(handle):
 def kernel_pair(h, svti, out_index, in_index):
     """The fake kernel's lines for the outbound and inbound policy of ace(h)."""
     local, remote = f"10.0.0.{h}/24:{1000 + h}", f"192.168.{h}.1/16:{2000 + h}"
-    tail = f"proto=17 svti={svti} reqid=1 tmpl=50/0"
-    return [f"policy index={out_index} dir=1 action=0 {local}>{remote} {tail}",
-            f"policy index={in_index} dir=0 action=0 {remote}>{local} {tail}"]
+    return [f"policy 19 dir1 act0 {local}>{remote} p17 svti{svti} idx{out_index} tmpl50/m0/r1",
+            f"policy 19 dir0 act0 {remote}>{local} p17 svti{svti} idx{in_index} tmpl50/m0/r1"]
 
 
 class AclModifyOnFakeKernel(FakeKernelTestCase):

@@ -1,8 +1,6 @@
-"""Start-up: options, the start-up log, exit statuses, the fast-path segment,
-signals."""
+"""Start-up: options, the start-up log, exit statuses, the fast-path segment."""
 
 import os
-import signal
 import socket
 import time
 import unittest
@@ -99,19 +97,6 @@ class FastPathSegment(AgentTestCase):
                 self.assertLogged(agent, "ERROR: Failed to open shared memory\n", LOG_ERR)
         self.assertRegex(mapped[0], r"^SUCCESS: Fastpath shared memory mapped successfully with "
                                     r"size = 0x39bbdfc0 addr = 0x[0-9a-f]+\n$")
-
-
-class Signals(AgentTestCase):
-    def test_sigint_on_empty_table_only_says_signalled(self):
-        agent = self.start_agent()
-        before = len(agent.log_lines())
-        for _ in range(2):
-            agent.signal(signal.SIGINT)
-        self.assertLogged(agent, "Signalled! ", LOG_DEBUG)
-        time.sleep(0.3)
-        new = agent.log_lines()[before:]
-        self.assertTrue(all(t == "Signalled! " for _, t in new), new)
-        self.assertIsNotNone(self.rp().request(init_start(1, 2)))
 
 
 if __name__ == "__main__":

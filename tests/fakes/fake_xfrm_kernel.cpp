@@ -267,6 +267,27 @@ Message acquire_event(std::optional<uint32_t> reqid) {
   return nl_message(kAcquire, 0, 0, 0, body);
 }
 
+std::string describe_policy(const Message& m) {
+  const uint16_t type = host_at<uint16_t>(m, 4);
+  const bool add = type == kNewPolicy || type == kUpdPolicy;
+  const size_t s = at::kHdr;  // the selector: addresses and ports in network order
+  const auto addr = [&](size_t a) {
+    return std::to_string(m[a]) + "." + std::to_string(m[a + 1]) + "." + std::to_string(m[a + 2]) + "." +
+           std::to_string(m[a + 3]);
+  };
+  char text[200];
+  std::snprintf(text, sizeof text, "%u dir%u %s%u %s/%u:%u>%s/%u:%u p%u svti%u", type,
+                m[s + (add ? at::kPolDir : at::kPolIdDir)], add ? "act" : "idx",
+                add ? m[s + at::kPolAction] : host_at<uint32_t>(m, s + at::kPolIdIndex), addr(s + 16).c_str(),
+                m[s + 43], be16_at(m, s + 36), addr(s).c_str(), m[s + 42], be16_at(m, s + 32), m[s + 44],
+                host_at<uint32_t>(m, s + (add ? at::kPolSize : at::kPolIdSize) + 4));
+  if (!add) return text;
+  const size_t tmpl = s + at::kPolSize + 12;
+  return text + (" idx" + std::to_string(host_at<uint32_t>(m, s + at::kPolIndex))) + " tmpl" +
+         std::to_string(m[tmpl + at::kTmplProto]) + "/m" + std::to_string(m[tmpl + at::kTmplMode]) + "/r" +
+         std::to_string(host_at<uint32_t>(m, tmpl + at::kTmplReqid));
+}
+
 // ---- The fake kernel ---------------------------------------------------------
 
 struct FakeXfrmKernel::Outcome {
@@ -491,13 +512,10 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::serve_policy(uint16_t type, const Messag
   });
   if (add) {
     if (found != policies_.end() && type == kNewPolicy) return {{error_answer(request, EEXIST, agent_pid_)}, {}};
-    FakePolicy p{selector, dir, host_at<uint8_t>(request, at::kHdr + at::kPolAction), 0, svti, 0,
-                 slice(request, at::kHdr, at::kPolSize), slice(request, find_attr(attrs, kAttrTmpl)->pos, at::kTmplSize)};
-    p.index = found != policies_.end() ? found->index : (next_index_ | dir);
-    p.reqid = host_at<uint32_t>(p.tmpl, at::kTmplReqid);
-    put<uint32_t>(p.body, at::kPolIndex, p.index);
-    Message payload = p.body;
-    append_attr(payload, kAttrTmpl, p.tmpl);
+    FakePolicy p{selector, dir, found != policies_.end() ? found->index : (next_index_ | dir), svti,
+                 host_at<uint32_t>(request, find_attr(attrs, kAttrTmpl)->pos + at::kTmplReqid), request};
+    put<uint32_t>(p.request, at::kHdr + at::kPolIndex, p.index);
+    Message payload = slice(p.request, at::kHdr, p.request.size() - at::kHdr);
     append_attr(payload, kAttrPolicyType, Message(6, 0));
     if (found != policies_.end()) {
       *found = p;
@@ -508,8 +526,7 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::serve_policy(uint16_t type, const Messag
     return {{error_answer(request, 0, agent_pid_)}, {{kGroupPolicy, nl_message(type, 0, seq, agent_pid_, payload)}}};
   }
   if (found == policies_.end()) return {{error_answer(request, ENOENT, agent_pid_)}, {}};
-  Message payload = found->body;
-  append_attr(payload, kAttrTmpl, found->tmpl);
+  const Message payload = slice(found->request, at::kHdr, found->request.size() - at::kHdr);
   if (type == kGetPolicy) return {{nl_message(kNewPolicy, 0, seq, agent_pid_, payload)}, {}};
   Message id = slice(request, at::kHdr, at::kPolIdSize);
   put<uint32_t>(id, at::kPolIdIndex, found->index);

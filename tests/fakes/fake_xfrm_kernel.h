@@ -45,12 +45,10 @@ struct FakeSa {
 struct FakePolicy {
   Message selector;  // the 56 bytes as requested
   uint8_t dir = 0;
-  uint8_t action = 0;
   uint32_t index = 0;  // the fake kernel's choice
   uint32_t svti = 0;
   uint32_t reqid = 0;  // the template's
-  Message body;        // the 192-byte body, index filled in
-  Message tmpl;        // the 64-byte template
+  Message request;     // the add or update, index filled in
 };
 
 // A netlink message: header, then `payload` (body and attributes).
@@ -63,6 +61,9 @@ Message policy_event(uint16_t type, uint32_t pid, uint32_t index, uint8_t dir,
                      std::optional<uint32_t> reqid);
 // An acquire from the kernel (port id 0) for the tunnel with request id `reqid`.
 Message acquire_event(std::optional<uint32_t> reqid);
+// A policy add or get/delete request in one line, read at the platform's offsets:
+// "type dir action|index src/prefix:port>dst/prefix:port proto svti [index template]".
+std::string describe_policy(const Message& m);
 
 class FakeXfrmKernel {
  public:

@@ -8,7 +8,7 @@
 // commands, one per line, from its standard input:
 //   acquire <group mask> <reqid>|none        multicast an acquire for that request id
 //   policies                                 print the policy table, one line each:
-//     "policy index=9 dir=1 action=0 10.0.0.1/24:1001>192.168.1.1/16:2001 proto=17 svti=2 reqid=1 tmpl=50/0"
+//     "policy 19 dir1 act0 10.0.0.1/24:1001>192.168.1.1/16:2001 p17 svti2 idx9 tmpl50/m0/r1"
 // Each command is answered with "ok" or "bad command". It stops at end of input.
 #include <cstdio>
 #include <iostream>
@@ -33,22 +33,6 @@ std::optional<uint32_t> reqid_arg(const std::string& word) {
   return static_cast<uint32_t>(std::stoul(word, nullptr, 0));
 }
 
-// The selector's addresses and ports are in network order, as requested.
-std::string describe(const cpa::test::FakePolicy& p) {
-  const auto& s = p.selector;
-  const auto addr = [&](size_t at) {
-    return std::to_string(s[at]) + "." + std::to_string(s[at + 1]) + "." + std::to_string(s[at + 2]) + "." +
-           std::to_string(s[at + 3]);
-  };
-  const auto port = [&](size_t at) { return std::to_string(s[at] << 8 | s[at + 1]); };
-  char tail[96];
-  std::snprintf(tail, sizeof tail, " proto=%u svti=%u reqid=%u tmpl=%u/%u", s[44], p.svti, p.reqid, p.tmpl[20],
-                p.tmpl[48]);
-  return "policy index=" + std::to_string(p.index) + " dir=" + std::to_string(p.dir) +
-         " action=" + std::to_string(p.action) + " " + addr(16) + "/" + std::to_string(s[43]) + ":" + port(36) +
-         ">" + addr(0) + "/" + std::to_string(s[42]) + ":" + port(32) + tail;
-}
-
 bool run(cpa::test::FakeXfrmKernel& kernel, const std::string& line) {
   std::istringstream in(line);
   std::string verb;
@@ -59,7 +43,7 @@ bool run(cpa::test::FakeXfrmKernel& kernel, const std::string& line) {
     if (!(in >> groups >> reqid)) return false;
     kernel.multicast(groups, cpa::test::acquire_event(reqid_arg(reqid)));
   } else if (verb == "policies") {
-    for (const cpa::test::FakePolicy& p : kernel.policies()) say(describe(p));
+    for (const cpa::test::FakePolicy& p : kernel.policies()) say("policy " + cpa::test::describe_policy(p.request));
   } else {
     return false;
   }

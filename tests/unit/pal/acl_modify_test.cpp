@@ -45,24 +45,6 @@ Records acl(const std::vector<AceSpec>& aces, Records tail = actions()) {
   return out;
 }
 
-// One kernel request in a line, read from the platform's offsets:
-// "type dir action|index src/prefix:port>dst/prefix:port proto svti [template]".
-std::string describe(const Message& m) {
-  const uint16_t type = u16_at(m, 4);
-  const bool add = type == 19 || type == 25;
-  const auto addr = [&](size_t at) {
-    return std::to_string(m[at]) + "." + std::to_string(m[at + 1]) + "." + std::to_string(m[at + 2]) + "." +
-           std::to_string(m[at + 3]);
-  };
-  char text[200];
-  std::snprintf(text, sizeof text, "%u dir%u %s%u %s/%u:%u>%s/%u:%u p%u svti%u", type, u8_at(m, add ? 200 : 76),
-                add ? "act" : "idx", add ? u8_at(m, 201) : u32_at(m, 72), addr(32).c_str(), u8_at(m, 59),
-                be16_at(m, 52), addr(16).c_str(), u8_at(m, 58), be16_at(m, 48), u8_at(m, 60), u32_at(m, add ? 212 : 84));
-  std::string out = text;
-  if (add) out += " tmpl" + std::to_string(m[240]) + "/m" + std::to_string(m[268]) + "/r" + std::to_string(u32_at(m, 264));
-  return out;
-}
-
 class AclModify : public ::testing::Test {
  protected:
   AclModify() {
@@ -85,7 +67,7 @@ class AclModify : public ::testing::Test {
     const bool del = type == 20;
     return std::to_string(type) + (out ? " dir1 " : " dir0 ") +
            (del ? "idx0 " : "act" + std::to_string(action) + " ") +
-           (out ? local + ">" + remote : remote + ">" + local) + " p17 " + svti + (del ? "" : tmpl);
+           (out ? local + ">" + remote : remote + ">" + local) + " p17 " + svti + (del ? "" : " idx0" + tmpl);
   }
 
   // Sends one request; returns the response's status after checking its shape.
@@ -99,7 +81,7 @@ class AclModify : public ::testing::Test {
   std::vector<std::string> kernel_requests() {
     const auto all = t.kernel.requests();
     std::vector<std::string> out;
-    for (size_t i = seen; i < all.size(); ++i) out.push_back(describe(all[i]));
+    for (size_t i = seen; i < all.size(); ++i) out.push_back(describe_policy(all[i]));
     seen = all.size();
     return out;
   }
