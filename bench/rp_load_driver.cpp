@@ -1,16 +1,10 @@
-// Load driver: measured in one run on loopback, inside the agent's network
-// namespace (see run_bench.py).
-//  1. Round trips of SADB_INIT_COMPLETED against the agent, one request
-//     outstanding, beside a minimal UDP echo server answering the same
-//     datagrams; prints the rates and agent/echo. For reference it also runs
-//     an echo server that waits in select() before each receive, as the
-//     agent's event loop does, which shows what the wait itself costs.
-//  2. The cost of each SADB_INIT_START while the table fills from 1 to 4095
-//     tunnels; prints the median per 512-request bucket and last/first.
-// The RP end is bound to 127.0.0.2:23456, where the agent sends its answers.
-// The driver and every server share CPU 1 (run_bench.py pins the agent
-// there), so that each round trip is two context switches on one CPU for
-// every server alike, whatever else the machine is doing.
+// Load driver (see run_bench.py and the README): the round-trip rate of
+// SADB_INIT_COMPLETED against the agent beside a minimal UDP echo server (and,
+// for reference, one that waits in select() before each receive, as the
+// agent's loop does), then the median cost of SADB_INIT_START per 512 tunnels
+// while the table fills to 4095. The RP end is bound to 127.0.0.2:23456, where
+// the agent answers; driver and servers share CPU 1, so that every round trip
+// is two context switches on one CPU for every server alike.
 #include <arpa/inet.h>
 #include <sched.h>
 #include <netinet/in.h>

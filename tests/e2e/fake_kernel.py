@@ -7,7 +7,7 @@ import threading
 import time
 
 from rp_messages import init_start
-from sandbox import BINARY, SCRATCH, AgentTestCase
+from sandbox import BINARY, SCRATCH, AgentTestCase, wait_until
 
 SERVER = os.environ.get("CPA_FAKE_KERNEL_SERVER",
                         os.path.join(os.path.dirname(BINARY), "fake_xfrm_kernel_server"))
@@ -40,17 +40,7 @@ class FakeKernel:
         return {"CPA_FAKE_XFRM_KERNEL": self.path}
 
     def wait_line(self, text, timeout=5.0, count=1):
-        return self._wait(lambda: self.lines.count(text) >= count, timeout)
-
-    def _wait(self, done, timeout):
-        deadline = time.monotonic() + timeout
-        with self.cond:
-            while not done():
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    return False
-                self.cond.wait(left)
-            return True
+        return wait_until(self.cond, lambda: self.lines.count(text) >= count, timeout)
 
     def command(self, line):
         """Runs one server command; True when the server took it."""
@@ -58,7 +48,7 @@ class FakeKernel:
         self.proc.stdin.flush()
         self.sent += 1
         answered = lambda: sum(l in ("ok", "bad command") for l in self.lines) >= self.sent
-        if not self._wait(answered, 5.0):
+        if not wait_until(self.cond, answered, 5.0):
             raise AssertionError(f"fake kernel did not answer {line!r}")
         return [l for l in self.lines if l in ("ok", "bad command")][self.sent - 1] == "ok"
 

@@ -81,6 +81,18 @@ def new_network_namespace():
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
 
 
+def wait_until(cond, done, timeout):
+    """Waits on the condition `cond` until done() holds; False after `timeout` seconds."""
+    deadline = time.monotonic() + timeout
+    with cond:
+        while not done():
+            left = deadline - time.monotonic()
+            if left <= 0:
+                return False
+            cond.wait(left)
+        return True
+
+
 SANDBOXED = os.geteuid() == 0
 if SANDBOXED:
     _enter_mount_namespace()
@@ -124,16 +136,8 @@ class SyslogCapture:
             return list(self.records)
 
     def wait_for(self, text, timeout=5.0, priority=None, count=1):
-        deadline = time.monotonic() + timeout
-        with self.cond:
-            while True:
-                n = sum(1 for p, t in self.records if t == text and priority in (None, p))
-                if n >= count:
-                    return True
-                left = deadline - time.monotonic()
-                if left <= 0:
-                    return False
-                self.cond.wait(left)
+        seen = lambda: sum(1 for p, t in self.records if t == text and priority in (None, p))
+        return wait_until(self.cond, lambda: seen() >= count, timeout)
 
     def close(self):
         self.running = False

@@ -6,25 +6,10 @@
 #include <cstdint>
 #include <vector>
 
-#include "fakes/fake_net_devices.h"
 #include "fakes/fake_xfrm_kernel.h"
-#include "fakes/log_capture.h"
-#include "kernel/netlink_transport.h"
+#include "fakes/test_agent.h"
 
 namespace {
-
-struct Fixture {
-  Fixture() : nl(devices) {
-    int ends[2];
-    socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends);
-    nl.attach(cpa::ScopedFd(ends[0]));
-    kernel.reset(ends[1]);
-  }
-  cpa::test::LogCapture log;
-  cpa::test::FakeNetDevices devices;
-  cpa::NetlinkTransport nl;
-  cpa::ScopedFd kernel;
-};
 
 // Reads and drops what is waiting on `fd`.
 void drain(int fd) {
@@ -36,17 +21,24 @@ void drain(int fd) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static Fixture* f = new Fixture;
+  static cpa::test::TestAgent* t = new cpa::test::TestAgent;
+  static const int kernel = [] {
+    int ends[2];
+    socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends);
+    t->agent.nlink.attach(cpa::ScopedFd(ends[0]));
+    return ends[1];
+  }();
+  cpa::NetlinkTransport& nl = t->agent.nlink;
   if (size == 0 || size > cpa::kNetBufSize) return -1;  // a netlink answer is never empty
-  const std::vector<uint8_t> last = cpa::test::nl_error(f->nl.g_seq(), getpid(), 0);
-  send(f->kernel.get(), data, size, 0);
-  send(f->kernel.get(), last.data(), last.size(), 0);
+  const std::vector<uint8_t> last = cpa::test::nl_error(nl.g_seq(), getpid(), 0);
+  send(kernel, data, size, 0);
+  send(kernel, last.data(), last.size(), 0);
   std::vector<uint8_t> request(16, 0);  // a bare header is request enough here
   request[0] = 16;
   cpa::net_buf answer{};
-  f->nl.kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size());
-  drain(f->nl.nlsock_fd());
-  drain(f->kernel.get());
-  f->log.clear();
+  nl.kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size());
+  drain(nl.nlsock_fd());
+  drain(kernel);
+  t->log.clear();
   return 0;
 }

@@ -132,7 +132,6 @@ TEST_F(AclModify, InstallProgramsBothDirectionsOfEveryAceAndKeepsTheTwinsAtTheHe
   EXPECT_EQ(t.kernel.policies().size(), 12u);
   EXPECT_EQ(nl.n_outbound_policy_add.resp_ok + nl.n_inbound_policy_add.resp_ok, 12u);
   EXPECT_EQ(pal.p_acl_insert_req + pal.p_acl_insert_respok, 6u);
-  EXPECT_TRUE(t.log.has(LOG_DEBUG, "acl_Modify resp status 1"));
 }
 
 TEST_F(AclModify, RefusedInstallsKeepNothingButTheKernelPoliciesOfEarlierAces) {
@@ -192,7 +191,6 @@ TEST_F(AclModify, RemovalDeletesTwinsFirstAndStopsAtTheFirstKernelRefusal) {
   EXPECT_EQ(kernel_requests(),
             (std::vector<std::string>{policy_of(2, "in", 20), policy_of(3, "in", 20),
                                       policy_of(3, "out", 20), policy_of(2, "out", 20)}));
-  EXPECT_TRUE(t.log.has(LOG_INFO, "Returning success from kestrix_nl_policy_delete"));
   ASSERT_EQ(policies(), 1u);  // the older policy stays
   EXPECT_EQ(aces().back().first, 1u);
 
