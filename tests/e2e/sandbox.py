@@ -21,6 +21,8 @@ import threading
 import time
 import unittest
 
+from rp_messages import init_start
+
 REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BINARY = os.environ.get("CPA_BINARY", os.path.join(REPO, "build", "ipsec_cpa"))
 
@@ -177,6 +179,10 @@ class RpClient:
     def request(self, datagram, timeout=2.0):
         self.send(datagram)
         return self.receive(timeout)
+
+    def open_tunnel(self, create):
+        """Sends SADB_INIT_START; the SADB handle of the answer."""
+        return int.from_bytes(self.request(init_start(1, create))[10:14], "big")
 
     def close(self):
         self.inbox.close()

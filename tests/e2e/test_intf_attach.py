@@ -9,7 +9,7 @@ import subprocess
 import unittest
 
 from counter_report import counter_rows
-from rp_messages import init_start, intf_attach
+from rp_messages import intf_attach
 from sandbox import AgentTestCase, LOG_DEBUG, LOG_ERR, LOG_INFO
 
 
@@ -34,7 +34,7 @@ class IntfAttach(AgentTestCase):
         super().setUp()
         self.agent = self.start_agent()
         self.client = self.rp()
-        self.sadb = struct.unpack(">I", self.client.request(init_start(1, 0x100))[10:14])[0]
+        self.sadb = self.client.open_tunnel(0x100)
 
     def attach(self, callback, sadb, tunnel_id=7):
         return self.client.request(intf_attach(callback, sadb, tunnel_id))

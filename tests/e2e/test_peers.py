@@ -5,7 +5,7 @@ import struct
 import unittest
 
 from counter_report import counter_rows
-from rp_messages import init_start, peer_delete, peer_insert
+from rp_messages import peer_delete, peer_insert
 from sandbox import AgentTestCase, LOG_DEBUG, LOG_ERR, LOG_INFO
 
 CALLBACK = 0xCB000001
@@ -25,14 +25,11 @@ class Peers(AgentTestCase):
         self.agent = self.start_agent()
         self.client = self.rp()
 
-    def open_tunnel(self, create):
-        return struct.unpack(">I", self.client.request(init_start(1, create))[10:14])[0]
-
     def insert(self, sadb, peer, **kw):
         return self.client.request(peer_insert(CALLBACK, 0xC0, peer, sadb, **kw))
 
     def test_insert_answers_the_peer_handle_bytes_and_decodes_the_parameters(self):
-        t1 = self.open_tunnel(0x100)
+        t1 = self.client.open_tunnel(0x100)
         self.assertEqual(self.insert(t1, 0xAABBCCDD, params=(1, 30, 0x77, 1, 5, 0x88, 1), ports=(8080, 4500)),
                          insert_answer(bytes.fromhex("aabbccdd"), 1))
         self.assertLogged(self.agent, " do_idle_timer 1, idle_timer_setting 30, idle_timer_handle 77, "
@@ -41,7 +38,7 @@ class Peers(AgentTestCase):
         self.assertLogged(self.agent, "KESTRIX_PAL_PEER_INSERT cb000001 000000c0", LOG_INFO)
 
     def test_refused_and_idle_requests(self):
-        t1 = self.open_tunnel(0x100)
+        t1 = self.client.open_tunnel(0x100)
         self.assertEqual(self.insert(99, 0x11), insert_answer(bytes(4), 6))
         self.assertEqual(self.insert(0, 0x11), insert_answer(bytes(4), 8))
         self.assertLogged(self.agent, "Null callack handle or create handle or peer request sadb handle",

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "fakes/kernel_test_agent.h"
 #include "support/wire_reader.h"
 
@@ -84,24 +86,18 @@ TEST_F(PolicyMessages, GetOrDeleteIsSelectorIndexDirectionAndSvtiIndex) {
 }
 
 TEST_F(PolicyMessages, MessageTypesAndCountingFollowTheOperationCode) {
-  struct Case {
-    bool add;
-    uint32_t code;
-    uint16_t type;
-    bool counted;
-  };
-  const Case cases[] = {{true, 0, 19, true}, {true, 7, 25, true}, {false, 0, 21, false},
-                        {false, 1, 20, true}, {false, 2, 20, false}};
-  for (const Case& c : cases) {
+  // add?, operation code, message type, counted?
+  for (const auto& [add, code, type, counted] : {std::tuple{true, 0, 19, true}, {true, 7, 25, true},
+                                                 {false, 0, 21, false}, {false, 1, 20, true}, {false, 2, 20, false}}) {
     cpa_netlink_ctr_t triple;
     t.kernel.refuse_next(ENOENT);  // counted outcomes land in resp_err
-    const int rc = c.add ? kestrix_nlink_policy_add(t.agent.nlink, c.code, outbound_ace(), &triple)
-                         : kestrix_nlink_policy_getordel(t.agent.nlink, c.code, outbound_ace(), 0, &triple);
-    EXPECT_EQ(rc, 1);
-    EXPECT_EQ(u16_at(last_request(), 4), c.type) << c.code;
-    EXPECT_EQ(triple.req, c.counted ? 1u : 0u) << c.type << "/" << c.code;
-    EXPECT_EQ(triple.resp_err, c.counted ? 1u : 0u) << c.type << "/" << c.code;
-    EXPECT_EQ(triple.resp_ok, 0u);
+    EXPECT_EQ(add ? kestrix_nlink_policy_add(t.agent.nlink, code, outbound_ace(), &triple)
+                  : kestrix_nlink_policy_getordel(t.agent.nlink, code, outbound_ace(), 0, &triple),
+              1);
+    EXPECT_EQ(u16_at(last_request(), 4), type) << code;
+    EXPECT_EQ(std::vector<uint32_t>({triple.req, triple.resp_ok, triple.resp_err}),
+              std::vector<uint32_t>({counted, 0, counted}))
+        << type << "/" << code;
   }
 }
 

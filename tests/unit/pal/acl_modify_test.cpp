@@ -241,6 +241,8 @@ TEST_F(AclModify, DuplicatesAreJudgedByTheFirstAceRecordOnly) {
   repeated.handle = 1;
   // A later record that repeats a handle does not count.
   EXPECT_EQ(modify(2, acl({ace(6), repeated})), CRYPTO_NO_ERR);
+  EXPECT_EQ(modify(2, acl({ace(2)})), CRYPTO_NO_ERR);  // found in the older policy
+  EXPECT_EQ(t.log.count("Duplicate policy found. Returning no error\n"), 3);
   // A policy without ACEs is never a duplicate and needs no kernel call.
   EXPECT_EQ(modify(2, acl({})), CRYPTO_NO_ERR);
   EXPECT_EQ(modify(2, acl({})), CRYPTO_NO_ERR);

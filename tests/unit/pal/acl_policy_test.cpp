@@ -136,17 +136,6 @@ struct Tunnel {
   TestAgent agent;
 };
 
-TEST(AclPolicy, MatchPolicyLooksAtEveryAceOfEveryPolicy) {
-  Tunnel tunnel({{5, 6}, {0, 7}});
-  ace_netlink_t probe;
-  for (uint32_t h : {5u, 6u, 7u, 0u}) {
-    probe.ace.handle = h;
-    EXPECT_EQ(match_policy(tunnel.record(), probe), 1) << h;
-  }
-  probe.ace.handle = 8;
-  EXPECT_EQ(match_policy(tunnel.record(), probe), 0);
-}
-
 TEST(AclPolicy, KernelIndexGoesToTheFirstAceOfItsDirectionInTheNewestPolicy) {
   Tunnel tunnel({{9}, {1, 2, 0, 0}});  // newest policy walks 0, 0, 2, 1
   TunnelTable& tunnels = tunnel.agent.agent.tunnels;
