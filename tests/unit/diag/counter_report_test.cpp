@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 #include "fakes/fake_system.h"
@@ -14,9 +14,7 @@ namespace {
 
 std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 TEST(CounterReport, WritesEveryCounterInItsPlace) {

@@ -49,16 +49,21 @@ class Listener : public ::testing::Test {
   RecordingPolicyEvents* events;
 };
 
+// New policies of the kernel's or the agent's own, and deletions and expiries
+// (read from their own bodies), give their index to the tunnel of the template.
 TEST_F(Listener, OnlyTheKernelsAndTheAgentsOwnEventsAreHandled) {
   const uint32_t reqid = t.open_tunnel(0x100);
   t.kernel.multicast(kGroupPolicy, policy_event(19, 4242, 0x99, 1, reqid));
   t.kernel.multicast(kGroupPolicy, policy_event(19, 0, 0x18, 0, reqid));
   t.kernel.multicast(kGroupPolicy, policy_event(19, getpid(), 0x21, 1, reqid));
   for (int i = 0; i < 3; ++i) EXPECT_EQ(listen(), 0);
-  EXPECT_EQ(events->updates,
-            (std::vector<RecordingPolicyEvents::Update>{{reqid, 0x18, 0}, {reqid, 0x21, 1}}));
   EXPECT_EQ(t.log.count("XFRM_MSG_NEWPOLICY::"), 2);
   EXPECT_EQ(t.agent.counters.netlink_dbg_ctrs.n_notify_new_policy_req, 2u);
+  const Bytes tmpl = Bytes().h16(68).h16(5).zeros(44).h32(reqid).zeros(16);
+  EXPECT_EQ(policy(nl_message(20, 0, 0, 0, Bytes().zeros(56).h32(0x29).u8(1).zeros(3).append(tmpl))), 0);
+  EXPECT_EQ(policy(nl_message(27, 0, 0, 0, Bytes().zeros(180).h32(0x3a).u8(2).zeros(15).append(tmpl))), 0);
+  EXPECT_EQ(events->updates, (std::vector<RecordingPolicyEvents::Update>{
+                                 {reqid, 0x18, 0}, {reqid, 0x21, 1}, {reqid, 0x29, 1}, {reqid, 0x3a, 2}}));
 }
 
 TEST_F(Listener, EveryOtherEventIsOnlyLogged) {
@@ -125,17 +130,6 @@ TEST_F(Listener, PoliciesWithoutUsableTemplateOrTunnelChangeNothing) {
   EXPECT_TRUE(t.log.has(LOG_ERR, "reqid 77 not found"));
   EXPECT_TRUE(t.log.has(LOG_ERR, " netlink process message error "));
   EXPECT_TRUE(events->updates.empty());
-}
-
-TEST_F(Listener, DeletionsAndExpiriesAreReadFromTheirOwnBodies) {
-  const uint32_t reqid = t.open_tunnel(0x100);
-  const Bytes tmpl = Bytes().h16(68).h16(5).zeros(44).h32(reqid).zeros(16);
-  const Message del = Bytes().zeros(56).h32(0x29).u8(1).zeros(3).append(tmpl);                // index, dir
-  const Message expire = Bytes().zeros(180).h32(0x3a).u8(2).zeros(15).append(tmpl);  // policy index, dir
-  EXPECT_EQ(policy(nl_message(20, 0, 0, 0, del)), 0);
-  EXPECT_EQ(policy(nl_message(27, 0, 0, 0, expire)), 0);
-  EXPECT_EQ(events->updates,
-            (std::vector<RecordingPolicyEvents::Update>{{reqid, 0x29, 1}, {reqid, 0x3a, 2}}));
 }
 
 TEST_F(Listener, AcquiresOfAKnownTunnelNotifyTheRp) {
