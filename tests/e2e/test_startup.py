@@ -1,4 +1,5 @@
-"""Start-up: options, the start-up log, exit statuses, the fast-path segment."""
+"""Start-up: options, the start-up log, exit statuses, the NETLINK_XFRM sockets
+in the agent's own network namespace, the fast-path segment."""
 
 import os
 import socket
@@ -70,6 +71,14 @@ class StartupSequence(AgentTestCase):
         for line in expected:
             self.assertIn(line, lines[position:])
             position = lines.index(line, position) + 1
+
+    def test_request_socket_has_the_process_id_and_the_monitor_the_policy_group(self):
+        agent = self.start_agent()
+        with open("/proc/net/netlink") as f:  # protocol 6 is NETLINK_XFRM; port id 0 the kernel's
+            rows = [line.split() for line in f.readlines()[1:]]
+        sockets = [(int(r[2]) & 0xffffffff, int(r[3], 16)) for r in rows if r[1] == "6" and r[2] != "0"]
+        self.assertIn((agent.proc.pid, 0), sockets)
+        self.assertEqual(sorted(groups for _, groups in sockets), [0, 8])
 
     def test_a_taken_port_ends_the_start_up(self):
         for port, status, line in ((23456, 0, "bind() error reason: Address already in use"),
