@@ -12,9 +12,8 @@
 namespace cpa::test {
 namespace {
 
-std::vector<uint8_t> cut(std::vector<uint8_t> datagram, size_t bytes) {
-  datagram.resize(datagram.size() - bytes);
-  return datagram;
+std::vector<uint8_t> cut(const std::vector<uint8_t>& datagram, size_t bytes) {
+  return std::vector<uint8_t>(datagram.begin(), datagram.end() - static_cast<std::ptrdiff_t>(bytes));
 }
 
 TEST(PalDispatcher, RefusedAndCutShortRequestsAreAnsweredInTheirShapeEchoingWhatArrived) {
