@@ -13,6 +13,7 @@
 #include "pal/rp_link.h"
 #include "pal/tunnel_policy_events.h"
 #include "platform/system_ports.h"
+#include "state/cipher_record.h"
 #include "state/peer_table.h"
 #include "state/tunnel_table.h"
 
@@ -43,6 +44,7 @@ struct Agent {
   CommandTrace trace;
   TunnelTable tunnels;
   PeerTable peers;
+  CipherList cipher_info_list;  // key material not yet claimed by an SA, newest first
   NetlinkTransport nlink;  // kernel requests; its socket is attached at start-up
   // What the kernel listener reaches of the policy layer.
   std::unique_ptr<KernelPolicyEvents> policy_events =

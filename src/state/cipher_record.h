@@ -1,9 +1,12 @@
 // A cipher record: the parameters and keys of one IPsec SA as the RP
 // delivered them, in host order, waiting to be installed in the kernel.
+// It is owned by exactly one place at a time: `cipher_info_list` while it
+// waits, then the SA that claimed it (unlink_node hands it over).
 #pragma once
 
 #include <cstdint>
 
+#include "state/object_lists.h"
 #include "wire/cipher_info.h"
 
 namespace cpa {
@@ -18,13 +21,19 @@ struct kestrix_key_val_t {
   uint8_t data[kMaxKeyBytes] = {};
 };
 
-struct kestrix_ce_cipher_list_t {
-  int32_t ipsec_index = 0;  // the CEAL flow id
-  uint32_t ipsec_sa = 0;    // the RP's SA handle
+struct cpa_cipher_info_list_ : ListNode<cpa_cipher_info_list_> {
+  int32_t ipsec_index = 0;  // the CEAL flow id ("ceid")
+  uint32_t ipsec_sa = 0;    // the RP's SA handle; an action's `sa` claims it
   kestrix_ce_cipher_info ce_cipher{};
   kestrix_key_val_t esp_key_info;
   kestrix_key_val_t esp_mac_key_info;
   kestrix_key_val_t ah_key_info;
 };
+using kestrix_ce_cipher_list_t = cpa_cipher_info_list_;
+using CipherList = ObjectList<kestrix_ce_cipher_list_t>;
+
+inline int insert_node_cipher_info(CipherList& head, std::unique_ptr<kestrix_ce_cipher_list_t> node) {
+  return head.insert_node(std::move(node));
+}
 
 }  // namespace cpa

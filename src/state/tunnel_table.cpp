@@ -123,4 +123,33 @@ std::optional<uint32_t> TunnelTable::find_by_create_handle(uint32_t create_handl
   return it->second;
 }
 
+namespace {
+
+template <class SaList>
+auto* find_by_ceid(SaList& list, uint32_t flow_id) {
+  for (auto& sa : list)
+    if (sa.sa_info && static_cast<uint32_t>(sa.sa_info->ipsec_index) == flow_id) return &sa;
+  return static_cast<decltype(&*list.begin())>(nullptr);
+}
+
+}  // namespace
+
+cpa_inbound_sa_t* TunnelTable::kestrix_in_sa_lookup_by_ceid(uint32_t flow_id, uint32_t index) const {
+  if (index < 1 || index >= kSlots) {
+    cpa_log(LOG_ERR, "Invalid index");
+    return nullptr;
+  }
+  cpa_interface_t* entry = at(index);
+  return entry ? find_by_ceid(entry->inb_sa_list, flow_id) : nullptr;
+}
+
+cpa_outbound_sa_t* TunnelTable::kestrix_out_sa_lookup_by_ceid(uint32_t flow_id, uint32_t index) const {
+  if (index < 1 || index >= kSlots) {
+    cpa_log(LOG_ERR, "Invalid index");
+    return nullptr;
+  }
+  cpa_interface_t* entry = at(index);
+  return entry ? find_by_ceid(entry->outb_sa_list, flow_id) : nullptr;
+}
+
 }  // namespace cpa

@@ -9,6 +9,7 @@
 #include <unordered_map>
 
 #include "state/policy_records.h"
+#include "state/sa_records.h"
 #include "wire/pal_messages.h"
 
 namespace cpa {
@@ -24,6 +25,8 @@ struct cpa_interface_s {
   uint32_t reqid = 0;              // XFRM request id; equals the slot number
   uint32_t tunnelid = kUnattachedTunnel;
   PolicyList head_policy;  // newest first
+  InboundSaList inb_sa_list;    // newest first
+  OutboundSaList outb_sa_list;  // newest first
   uint32_t callback_handle = 0;
   uint32_t create_handle = 0;  // identifies the tunnel for duplicate detection
   int cmd_state = 0;
@@ -63,6 +66,11 @@ class TunnelTable {
     return slot < kSlots ? cpa_pal_info[slot].get() : nullptr;
   }
   int g_sadb_alloc_index() const { return alloc_index_; }
+
+  // The SA of the tunnel in slot `index` (1-4095) whose cipher record has
+  // `ipsec_index` == `flow_id`; the newest of several; null when none.
+  cpa_inbound_sa_t* kestrix_in_sa_lookup_by_ceid(uint32_t flow_id, uint32_t index) const;
+  cpa_outbound_sa_t* kestrix_out_sa_lookup_by_ceid(uint32_t flow_id, uint32_t index) const;
 
  private:
   void set_next_free_sadb_index();
