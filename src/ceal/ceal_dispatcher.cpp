@@ -11,22 +11,32 @@
 namespace cpa {
 namespace {
 
-constexpr size_t kCealBodyOffset = 6;
+// Not built yet: echoes the request's fixed leading fields and answers
+// CRYPTO_ERR_UNSUPPORTED where the response has a status.
+template <uint16_t kEchoed, uint16_t kStatusOffset>
+int not_yet_supported(Agent&, ReceivedBytes msg, std::vector<uint8_t>& response) {
+  const ReceivedBytes echoed = msg.slice(kCealBodyOffset, kEchoed);
+  if (echoed.size()) std::memcpy(response.data() + kCealBodyOffset, echoed.data(), echoed.size());
+  if (kStatusOffset) {
+    const uint32_t wire = htonl(CRYPTO_ERR_UNSUPPORTED);
+    std::memcpy(response.data() + kStatusOffset, &wire, sizeof wire);
+  }
+  return 0;
+}
 
-struct CealShape {
-  uint16_t size;           // response datagram size
-  uint16_t echoed;         // request bytes echoed from offset 6
-  uint16_t status_offset;  // 0: the response has no status field
+struct CealApi {
+  uint16_t size;  // response datagram size (before the handler resizes it)
   ctr32 cpa_ceal_ctr_t::*request_counter;
+  CealBodyHandler handler;
 };
 
 using C = cpa_ceal_ctr_t;
-const CealShape kCealShapes[] = {
-    {281, 4, 10, &C::c_create_key_req},    // CREATE_KEY_BY_KEYS: handle, status
-    {22, 8, 18, &C::c_flow_stats_req},     // FLOW_STATS: handle, final_flg, no flows
-    {36, 10, 0, &C::c_sadb_stats_req},     // IVRF_SADB_STATS: handle, ivrf, info handle
-    {128, 10, 0, &C::c_global_stats_req},  // IVRF_GLOBAL_STATS: handle, ivrf, engine handle
-    {14, 4, 10, &C::c_delete_key_req},     // DELETE_FLOW: request handle, status
+const CealApi kCealApis[] = {
+    {281, &C::c_create_key_req, not_yet_supported<4, 10>},    // CREATE_KEY_BY_KEYS
+    {22, &C::c_flow_stats_req, not_yet_supported<8, 18>},     // FLOW_STATS
+    {36, &C::c_sadb_stats_req, not_yet_supported<10, 0>},     // IVRF_SADB_STATS
+    {128, &C::c_global_stats_req, not_yet_supported<10, 0>},  // IVRF_GLOBAL_STATS
+    {14, &C::c_delete_key_req, not_yet_supported<4, 10>},     // DELETE_FLOW
 };
 
 }  // namespace
@@ -55,23 +65,22 @@ int kestrix_pal_process_ceal_msg(Agent& agent, ReceivedBytes msg) {
     cpa_log(LOG_ERR, "Wrong CEAL api type [%d]", type);
     return 0;
   }
-  const CealShape& shape = kCealShapes[type];
-  const ce_status_t status = CRYPTO_ERR_UNSUPPORTED;
+  const CealApi& api = kCealApis[type];
   agent.trace.ceal_cmd_print(type, 0, 0);
-  ++(agent.counters.ceal_dbg_ctrs.*shape.request_counter);
-  std::vector<uint8_t> response(shape.size, 0);
-  const ReceivedBytes echoed = msg.slice(kCealBodyOffset, shape.echoed);
-  if (echoed.size()) std::memcpy(response.data() + kCealBodyOffset, echoed.data(), echoed.size());
-  if (shape.status_offset) {
-    const uint32_t wire = htonl(status);
-    std::memcpy(response.data() + shape.status_offset, &wire, sizeof wire);
+  ++(agent.counters.ceal_dbg_ctrs.*api.request_counter);
+  std::vector<uint8_t> response(api.size, 0);
+  if (api.handler(agent, msg, response) != 0) {
+    ceal_cmd_debug_count(agent.counters, type, 1);
+    agent.trace.ceal_cmd_print(type, 1, 1);
+    return 1;
   }
-  agent.trace.ceal_cmd_print(type, 1, status);
-  kestrix_ceal_build_response(type, response.data(), shape.size);
+  agent.trace.ceal_cmd_print(type, 1, 1);
+  const auto size = static_cast<uint16_t>(response.size());
+  kestrix_ceal_build_response(type, response.data(), size);
   if (agent.settings.g_unit_test_on) return 0;
-  const int rc = kestrix_pal_send_response(agent.sys.rp, response.data(), shape.size);
+  const int rc = kestrix_pal_send_response(agent.sys.rp, response.data(), size);
   if (rc != 0) cpa_log(LOG_ERR, "PAL send failed! [%d]", rc);
-  ceal_cmd_debug_count(agent.counters, type, 1);
+  ceal_cmd_debug_count(agent.counters, type, 0);  // answered, even when the send failed
   return rc;
 }
 

@@ -1,15 +1,23 @@
 // CEAL requests: the envelope, the dispatch by api type and the response
-// framing. Key material, statistics and flow deletion are not built yet:
-// each api type is answered in its response shape with CRYPTO_ERR_UNSUPPORTED
-// where that shape has a status field.
+// framing. Each api type has a body handler that fills its response.
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "daemon/agent.h"
 #include "wire/received_bytes.h"
 
 namespace cpa {
+
+inline constexpr size_t kCealBodyOffset = 6;  // first byte of `ceal_api`
+
+// One api type's work. `response` arrives zero-filled at the type's fixed
+// size; the handler fills it from kCealBodyOffset on (and may resize it,
+// where the response size depends on the request). `msg` is the whole
+// received datagram. Returns 0, or 1 when the request failed inside the
+// agent: then nothing is sent and a failed command is counted.
+using CealBodyHandler = int (*)(Agent& agent, ReceivedBytes msg, std::vector<uint8_t>& response);
 
 int kestrix_pal_process_ceal_msg(Agent& agent, ReceivedBytes msg);
 

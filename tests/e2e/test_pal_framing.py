@@ -47,7 +47,7 @@ class CealShapes(AgentTestCase):
         self.assertEqual(rp.request(ceal(4, b"\xaa")), be16(1) + be16(14) + be16(4) + b"\xaa\0\0\0" + be32(2))
         rows = counter_rows(agent)
         self.assertEqual([rows[name] for name in ("KESTRIX_CEAL_CE_CREATE_KEY_BY_KEYS", "KESTRIX_CEAL_CE_DELETE_FLOW")],
-                         [(1, 0, 1), (2, 0, 2)])
+                         [(1, 1, 0), (2, 2, 0)])
 
 
 class RpAddress(AgentTestCase):
