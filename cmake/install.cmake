@@ -33,6 +33,7 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "IPsec control-plane agent and its RP comm
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6, libstdc++6, python3")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "rsyslog, logrotate")
 # Local edits of the snippets and the options survive upgrades.

@@ -5,7 +5,8 @@
 set -euo pipefail
 
 build_packages=(cmake ninja-build g++ iproute2 python3)
-test_packages=(googletest libgtest-dev libgmock-dev clang libclang-rt-14-dev g++-multilib)
+# systemd and groff-base check the installed unit and manuals.
+test_packages=(googletest libgtest-dev libgmock-dev clang libclang-rt-14-dev g++-multilib systemd groff-base)
 
 case "${1:-build}" in
   build) wanted=("${build_packages[@]}") ;;
