@@ -11,7 +11,7 @@ import tempfile
 import time
 import unittest
 
-from fake_kernel import GROUP_POLICY, FakeKernel
+from fake_kernel import GROUP_POLICY, agent_on_fake_kernel
 from sandbox import PAL_PORT, REPO, RP_ADDR, AgentTestCase, new_network_namespace
 
 TOOL = os.path.join(REPO, "tools", "cpa-rp")
@@ -26,10 +26,7 @@ def cpa_rp(*args, timeout=10):
 class CpaRpTestCase(AgentTestCase):
     def setUp(self):
         super().setUp()
-        self.kernel = FakeKernel()
-        self.addCleanup(self.kernel.close)
-        self.agent = self.start_agent("-d", "7", env=self.kernel.env())
-        self.assertTrue(self.kernel.wait_line("bound groups=0x8 pid=0"))
+        self.kernel, self.agent = agent_on_fake_kernel(self)
 
     def ok(self, *args):
         """Runs a request that must succeed; its decoded answer."""
