@@ -2,13 +2,14 @@
 platform kernel): a tunnel's life, scripts, watch, the counter report, and the
 exit statuses of its failures."""
 
+import importlib.machinery
+import importlib.util
 import json
 import os
 import socket
 import subprocess
 import sys
 import tempfile
-import time
 import unittest
 
 from fake_kernel import GROUP_POLICY, agent_on_fake_kernel
@@ -69,7 +70,7 @@ class TunnelLife(CpaRpTestCase):
                                       f"{NO_SESSION}, expected {NO_ERR}\n")
         self.assertEqual(cpa_rp("sadb", "complete", "--sadb", "1", "--expect", "NO_SESSION").returncode, 0)
 
-        report = cpa_rp("counters", "--json", "--wake", "--pid", str(self.agent.proc.pid))
+        report = cpa_rp("counters", "--json", "--wake", "--timeout", "5", "--pid", str(self.agent.proc.pid))
         self.assertEqual(report.returncode, 0, report.stderr)
         rows = json.loads(report.stdout)["commands"]
         self.assertEqual(rows["KESTRIX_PAL_SADB_INIT_START"], [1, 1, 0])
@@ -146,6 +147,64 @@ class Watch(CpaRpTestCase):
                          ("KESTRIX_PAL_NOTIFY_RP", 0xABCD, 7))
 
 
+def load_tool():
+    loader = importlib.machinery.SourceFileLoader("cpa_rp", TOOL)
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader("cpa_rp", loader))
+    loader.exec_module(module)
+    return module
+
+
+class RequestBytes(unittest.TestCase):
+    """What the agent cannot check yet: the bytes of the key, SA and statistics
+    requests, and the decoding of flow statistics."""
+
+    tool = load_tool()
+
+    def datagram(self, *argv):
+        args = self.tool.build_parser().parse_args(argv)
+        return self.tool.datagram(*args.build(args))
+
+    def test_requests_put_each_field_at_its_offset(self):
+        be32 = lambda v: v.to_bytes(4, "big")
+        keys = self.datagram("keys", "--index", "7", "--sa", "0x41", "--outbound", "--spi", "0x1234",
+                             "--cipher", "aes", "--key", "aa" * 16, "--mac", "sha1", "--mac-key",
+                             "bb" * 20, "--src", "10.0.0.1", "--dst", "10.0.0.2")
+        spi = self.datagram("spi-insert", "--sadb", "3", "--spi", "0x99", "--dest", "10.0.0.9/24",
+                            "--src", "10.0.0.8", "--decrypt", "decrypt:0x41:5:7")
+        cflow = self.datagram("cflow-insert", "--sadb", "3", "--ivrf", "6", "--encrypt", "encrypt:0x42")
+        stats = self.datagram("stats", "flow", "7", "9:out")
+        cases = [  # datagram, offset, expected bytes
+            (keys, 2, (277 + 4 + 16 + 4 + 20).to_bytes(2, "big")), (keys, 10, be32(7) + be32(0x41)),
+            (keys, 18, be32(1) + be32(1) + be32(3) + be32(128) + be32(2) + be32(0x1234)),
+            (keys, 64, bytes([4, 4]) + be32(0x0A000001)), (keys, 82, bytes([4, 4]) + be32(0x0A000002)),
+            (keys, 281, bytes([0, 1, 0, 16]) + b"\xaa" * 16 + bytes([0, 2, 0, 20])),
+            (spi, 4, bytes([0, 13]) + be32(1) + be32(3) + be32(0x99) + bytes([50, 0, 0, 4, 4])),
+            (spi, 23, be32(0x0A000009)), (spi, 39, be32(24)),
+            (spi, 77, bytes([0, 8, 0, 28]) + be32(3) + be32(0x41) + bytes(8) + bytes([0, 5, 0, 0])),
+            (spi, 105, be32(7)), (cflow, 30, bytes([0, 6]) + bytes([0, 9, 0, 28]) + be32(4) + be32(0x42)),
+            (stats, 14, be32(2) + be32(7)), (stats, 30, be32(1) + be32(9)), (stats, 46, be32(0)),
+        ]
+        for data, offset, expected in cases:
+            with self.subTest(offset=offset, command=data[4:6]):
+                self.assertEqual(data[offset:offset + len(expected)], expected)
+        self.assertEqual((len(spi), len(cflow), len(stats)), (4 + 2 + 71 + 32, 4 + 2 + 26 + 32, 4 + 2 + 12 + 32))
+
+    def test_flow_statistics_are_read_per_flow(self):
+        flow = bytearray(456)
+        flow[0:4], flow[12:16] = (9).to_bytes(4, "big"), bytes(4)   # flow 9, outbound
+        flow[16 + 192:16 + 200] = (1 << 40).to_bytes(8, "big")       # flow_out_bytes
+        flow[16 + 224:16 + 228] = (77).to_bytes(4, "big")            # flow_out_pkts
+        answer = bytes([0, 1]) + (22 + 456).to_bytes(2, "big") + bytes([0, 1]) + bytes(8) + \
+            (1).to_bytes(4, "big") + (1).to_bytes(4, "big") + bytes(flow)
+        decoded = self.tool.decode(answer)
+        counters = decoded["flows"][0]["counters"]
+        self.assertEqual((counters["flow_out_bytes"], counters["flow_out_pkts"], counters["flow_in_pkts"]),
+                         (1 << 40, 77, 0))
+        self.assertIn(["flow_out_pkts", "77"], [line.split() for line in self.tool.render(decoded)])
+        with self.assertRaisesRegex(self.tool.Failure, "2 flows announced, 1 sent"):
+            self.tool.decode(answer[:14] + (2).to_bytes(4, "big") + answer[18:])
+
+
 class Failures(AgentTestCase):
     """A stand-in agent on 127.0.0.5 that answers what the test tells it."""
 
@@ -154,6 +213,7 @@ class Failures(AgentTestCase):
         new_network_namespace()
         self.peer = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.peer.bind(("127.0.0.5", PAL_PORT))
+        self.peer.settimeout(5)
         self.addCleanup(self.peer.close)
 
     def answered_with(self, answer):
@@ -163,7 +223,6 @@ class Failures(AgentTestCase):
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.peer.recv(2048)
         if answer is not None:
-            time.sleep(0.1)  # the tool is waiting by now
             self.peer.sendto(answer, (RP_ADDR, PAL_PORT))
         out, err = tool.communicate(timeout=10)
         return tool.returncode, err
