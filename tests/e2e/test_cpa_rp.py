@@ -62,7 +62,8 @@ class TunnelLife(CpaRpTestCase):
         self.assertEqual(self.kernel.policies(), [])
         self.ok("detach", "--tunnel-id", "7")
         deleted = self.ok("sadb", "delete", "--sadb", "1")
-        self.assertEqual((deleted["command"], deleted["status"]), ("KESTRIX_PAL_SADB_DELETE", 1))
+        self.assertEqual((deleted["command"], deleted["status_name"]),
+                         ("KESTRIX_PAL_SADB_DELETE", "CRYPTO_NO_ERR"))
 
         gone = cpa_rp("sadb", "complete", "--sadb", "1")
         self.assertEqual(gone.returncode, 1)
@@ -187,7 +188,8 @@ class RequestBytes(unittest.TestCase):
         for data, offset, expected in cases:
             with self.subTest(offset=offset, command=data[4:6]):
                 self.assertEqual(data[offset:offset + len(expected)], expected)
-        self.assertEqual((len(spi), len(cflow), len(stats)), (4 + 2 + 71 + 32, 4 + 2 + 26 + 32, 4 + 2 + 12 + 32))
+        self.assertEqual((len(spi), len(cflow), len(stats)),
+                         (4 + 2 + 71 + 32, 4 + 2 + 26 + 32, 4 + 2 + 12 + 32))
 
     def test_flow_statistics_are_read_per_flow(self):
         flow = bytearray(456)
