@@ -5,8 +5,9 @@
 -- Load it for one run:  tshark -X lua_script:/usr/local/share/ipsec_cpa/ipsec_cpa.lua -r cap.pcap
 -- or for good: copy it to ~/.local/lib/wireshark/plugins/ (or the global plugins folder).
 --
--- Every field is named ipsec_cpa.<group>.<wire field name>:
---   type, length, kind          datagram header; kind (generated) is request,
+-- Every field is named ipsec_cpa.[<group>.]<wire field name>:
+--   type, length, length_le,    datagram header (a keepalive's length is
+--   kind                        little-endian); kind (generated) is request,
 --                               response, notification or keepalive
 --   pal.cmd, ceal.api           the PAL command or CEAL api type
 --   callback_handle, sadbhandle, create_handle, peer_handle, flow_id,
@@ -137,10 +138,10 @@ end
 
 local function sub(label, layout) return {label = label, layout = layout, width = width_of(layout)} end
 
--- Fields from a compact spec: {"name", width, opts} or a number (a gap).
-local function fields(prefix, spec)
+-- Fields from compact entries: {"name", width, opts} or a number (a gap).
+local function fields(prefix, entries)
   local layout = {}
-  for _, s in ipairs(spec) do
+  for _, s in ipairs(entries) do
     if type(s) == "number" then layout[#layout + 1] = gap(s)
     elseif s.width then layout[#layout + 1] = s
     else layout[#layout + 1] = field(prefix .. s[1], s[2], s[3]) end
@@ -412,9 +413,9 @@ local FLOW_HANDLE = sub("Flow handle", fields("flow.", {{"flow_id", 4}, {"ce_pub
   {"handle", 4, HEX}, {"is_inbound", 4}}))
 
 -- Flow counters come in pairs: the value and its _reset twin of the same width.
-local function counter_pairs(spec)
+local function counter_pairs(counters)
   local out = {}
-  for _, c in ipairs(spec) do
+  for _, c in ipairs(counters) do
     out[#out + 1] = {c[1], c[2]}
     out[#out + 1] = {c[1] .. "_reset", c[2]}
   end
