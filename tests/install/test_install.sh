@@ -15,6 +15,7 @@ sysconf=$(sed -n 's/^CPA_INSTALL_SYSCONFDIR:PATH=//p' "$build/CMakeCache.txt")
 expected=$(printf '%s\n' \
   "$prefix/sbin/ipsec_cpa" "$prefix/bin/cpa-rp" "$prefix/lib/systemd/system/ipsec_cpa.service" \
   "$prefix/share/man/man8/ipsec_cpa.8" "$prefix/share/man/man1/cpa-rp.1" \
+  "$prefix/share/ipsec_cpa/ipsec_cpa.lua" \
   "$sysconf/rsyslog.d/ipsec_cpa.conf" "$sysconf/logrotate.d/ipsec_cpa" "$sysconf/default/ipsec_cpa" |
   sort)
 
