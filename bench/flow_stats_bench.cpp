@@ -22,24 +22,14 @@ constexpr int kFlows = 100;
 constexpr int kRuns = 400;
 constexpr uint32_t kDst = 0x0A000001;
 
-template <class Sa>
-std::unique_ptr<Sa> sa(int32_t flow_id, uint32_t spi) {
-  auto sa = std::make_unique<Sa>();
-  sa->spi = spi;
-  sa->protocol = kIpProtoEsp;
-  sa->dest_addr.ip_address = kDst;
-  sa->sa_info = std::make_unique<kestrix_ce_cipher_list_t>();
-  sa->sa_info->ipsec_index = flow_id;
-  return sa;
-}
-
 // Tunnel in slot s carries inbound flow 2s and outbound flow 2s+1, SPIs alike.
 void fill_table(test::TestAgent& t) {
   for (uint32_t create = 1; create < TunnelTable::kSlots; ++create) {
     const uint32_t slot = t.open_tunnel(create);
     cpa_interface_t* tunnel = t.agent.tunnels.at(slot);
-    insert_node_inb_sa(tunnel->inb_sa_list, sa<cpa_inbound_sa_t>(2 * slot, 2 * slot));
-    insert_node_out_sa(tunnel->outb_sa_list, sa<cpa_outbound_sa_t>(2 * slot + 1, 2 * slot + 1));
+    const int32_t in = 2 * slot, out = 2 * slot + 1;
+    insert_node_inb_sa(tunnel->inb_sa_list, test::flow_sa<cpa_inbound_sa_t>(in, in, kDst, kIpProtoEsp));
+    insert_node_out_sa(tunnel->outb_sa_list, test::flow_sa<cpa_outbound_sa_t>(out, out, kDst, kIpProtoEsp));
     t.log.clear();
   }
 }

@@ -8,6 +8,9 @@
 
 #include <cstdint>
 #include <cstring>
+#include <memory>
+
+#include "state/sa_records.h"
 
 namespace cpa::test {
 
@@ -63,5 +66,18 @@ class FpSegment {
   }
   uint8_t* base_;
 };
+
+// An agent SA (cpa_inbound_sa_t or cpa_outbound_sa_t) of CEAL flow `flow_id`
+// that the fast path knows by `spi`, `dst` (host order) and `proto`.
+template <class Sa>
+std::unique_ptr<Sa> flow_sa(int32_t flow_id, uint32_t spi, uint32_t dst, uint8_t proto) {
+  auto sa = std::make_unique<Sa>();
+  sa->spi = spi;
+  sa->protocol = proto;
+  sa->dest_addr.ip_address = dst;
+  sa->sa_info = std::make_unique<kestrix_ce_cipher_list_t>();
+  sa->sa_info->ipsec_index = flow_id;
+  return sa;
+}
 
 }  // namespace cpa::test

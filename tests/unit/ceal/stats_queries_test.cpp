@@ -42,20 +42,10 @@ class StatsQueries : public ::testing::Test {
   void add_sa(uint32_t slot, bool inbound, int32_t flow_id, uint32_t spi, uint32_t dst = kDst, uint8_t proto = 50) {
     cpa_interface_t* tunnel = t.agent.tunnels.at(slot);
     if (inbound) {
-      insert_node_inb_sa(tunnel->inb_sa_list, sa<cpa_inbound_sa_t>(flow_id, spi, dst, proto));
+      insert_node_inb_sa(tunnel->inb_sa_list, flow_sa<cpa_inbound_sa_t>(flow_id, spi, dst, proto));
     } else {
-      insert_node_out_sa(tunnel->outb_sa_list, sa<cpa_outbound_sa_t>(flow_id, spi, dst, proto));
+      insert_node_out_sa(tunnel->outb_sa_list, flow_sa<cpa_outbound_sa_t>(flow_id, spi, dst, proto));
     }
-  }
-  template <class Sa>
-  static std::unique_ptr<Sa> sa(int32_t flow_id, uint32_t spi, uint32_t dst, uint8_t proto) {
-    auto sa = std::make_unique<Sa>();
-    sa->spi = spi;
-    sa->protocol = proto;
-    sa->dest_addr.ip_address = dst;
-    sa->sa_info = std::make_unique<kestrix_ce_cipher_list_t>();
-    sa->sa_info->ipsec_index = flow_id;
-    return sa;
   }
 
   TestAgent t;
@@ -127,7 +117,8 @@ TEST_F(StatsQueries, FlowCountersSumOverCoresIntoTheirDirectionsHalf) {
   const auto expected = [&](std::initializer_list<std::pair<size_t, uint64_t>> fields, size_t wide_at) {
     std::vector<uint8_t> out(440);
     for (auto [at, v] : fields)
-      for (size_t b = 0, n = at == wide_at ? 8 : 4; b < n; ++b) out[at + b] = static_cast<uint8_t>(v >> 8 * (n - 1 - b));
+      for (size_t b = 0, n = at == wide_at ? 8 : 4; b < n; ++b)
+        out[at + b] = static_cast<uint8_t>(v >> 8 * (n - 1 - b));
     return out;
   };
   const auto in = expected({{0, (uint64_t{1} << 32) + sum(0)}, {32, sum(8)}, {40, sum(24) + sum(48)}, {48, sum(56)},
@@ -150,7 +141,8 @@ TEST_F(StatsQueries, FlowResponseFramesTheHandlesItReceived) {
   const auto r = t.exchange(flow_query({{1, true}, {9, true}}));
   EXPECT_EQ(std::vector<uint8_t>(r.begin(), r.begin() + 22),
             Bytes().be16(1).be16(934).be16(1).be32(0xCA11).be32(0xF1).be32(2).be32(1).vec());
-  EXPECT_EQ(std::vector<uint8_t>(r.begin() + 478, r.begin() + 494), Bytes().be32(9).be32(0xE1).be32(0xB1).be32(1).vec());
+  EXPECT_EQ(std::vector<uint8_t>(r.begin() + 478, r.begin() + 494),
+            Bytes().be32(9).be32(0xE1).be32(0xB1).be32(1).vec());
   EXPECT_EQ(be32_at(r, 494 + 32), 8u);
   EXPECT_TRUE(t.log.has(LOG_DEBUG, "No. of flows 2"));
   EXPECT_TRUE(t.log.has(LOG_DEBUG, "KESTRIX_CEAL_CE_FLOW_STATS END  NO ERROR:"));
