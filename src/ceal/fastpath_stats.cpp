@@ -108,17 +108,17 @@ constexpr std::array<SummedField, 18> kGlobal{{
 }  // namespace
 
 FastPathStats::~FastPathStats() {
-  if (mapping_) munmap(mapping_, kFastPathSegmentSize);
+  if (mapping_) munmap(mapping_, fp::kSegmentSize);
 }
 
 void FastPathStats::kestrix_stats_sharedmem_init() {
   cpa_log(LOG_DEBUG, " Entered \n");
-  mapping_ = fp_shmem_mmap("fp-shared", nullptr, kFastPathSegmentSize);
+  mapping_ = fp_shmem_mmap("fp-shared", nullptr, fp::kSegmentSize);
   fp_shared_ = static_cast<const uint8_t*>(mapping_);
   if (fp_shared_) {
     cpa_log(LOG_INFO,
             "SUCCESS: Fastpath shared memory mapped successfully with size = 0x%x addr = %p\n",
-            static_cast<unsigned>(kFastPathSegmentSize), static_cast<const void*>(fp_shared_));
+            static_cast<unsigned>(fp::kSegmentSize), static_cast<const void*>(fp_shared_));
   } else {
     cpa_log(LOG_ERR, "ERROR: Failed to open shared memory\n");
   }

@@ -9,8 +9,6 @@
 
 namespace cpa {
 
-inline constexpr size_t kFastPathSegmentSize = fp::kSegmentSize;
-
 class FastPathStats {
  public:
   FastPathStats() = default;

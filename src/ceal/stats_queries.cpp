@@ -84,6 +84,23 @@ void fill_flow_stats(const FastPathStats& fastpath, const FlowSaSearch& search, 
   FastPathStats::kestrix_stats_get_flow_counters(stats, entry, is_inbound != 0);
 }
 
+// Flow handle `i` of a request; the caller has checked that it arrived whole.
+kestrix_flow_stats_hdle_struct flow_handle(ReceivedBytes handles, size_t i) {
+  return *handles.read<kestrix_flow_stats_hdle_struct>(i * sizeof(kestrix_flow_stats_hdle_struct));
+}
+
+// The SAs of the first `answered` flows; none are looked for without a segment.
+FlowSaSearch find_flow_sas(const Agent& agent, ReceivedBytes handles, size_t answered) {
+  FlowSaSearch search;
+  if (!agent.fastpath.fp_shared()) return search;
+  for (size_t i = 0; i < answered; ++i) {
+    const kestrix_flow_stats_hdle_struct handle = flow_handle(handles, i);
+    search.want(ntohl(handle.flow_id), handle.is_inbound != 0);
+  }
+  search.run(agent.tunnels);
+  return search;
+}
+
 // The SADB and global responses echo the request's ten bytes in place; a
 // request cut short echoes what arrived.
 void echo_ivrf_request(ReceivedBytes msg, std::vector<uint8_t>& response) {
@@ -106,16 +123,9 @@ int kestrix_ceal_flow_stats(Agent& agent, ReceivedBytes msg, std::vector<uint8_t
   response.assign(kFlowStatsResponseHead + answered * kFlowStatsPerFlow, 0);
   std::memcpy(response.data() + kCealBodyOffset, &req.value, sizeof req.value);
 
-  FlowSaSearch search;
-  const auto handle_at = [&](size_t i) {
-    return *handles.read<kestrix_flow_stats_hdle_struct>(i * sizeof(kestrix_flow_stats_hdle_struct));
-  };
-  if (agent.fastpath.fp_shared()) {
-    for (size_t i = 0; i < answered; ++i) search.want(ntohl(handle_at(i).flow_id), handle_at(i).is_inbound != 0);
-    search.run(agent.tunnels);
-  }
+  const FlowSaSearch search = find_flow_sas(agent, handles, answered);
   for (size_t i = 0; i < answered; ++i) {
-    const kestrix_flow_stats_hdle_struct handle = handle_at(i);
+    const kestrix_flow_stats_hdle_struct handle = flow_handle(handles, i);
     uint8_t* flow = response.data() + kFlowStatsResponseHead + i * kFlowStatsPerFlow;
     std::memcpy(flow, &handle, sizeof handle);
     fill_flow_stats(agent.fastpath, search, ntohl(handle.flow_id), ntohl(handle.is_inbound), flow + sizeof handle);

@@ -21,8 +21,6 @@ class FpSegment {
       : base_(static_cast<uint8_t*>(mmap(nullptr, kSize, PROT_READ | PROT_WRITE,
                                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0))) {}
   ~FpSegment() { munmap(base_, kSize); }
-  FpSegment(const FpSegment&) = delete;
-  FpSegment& operator=(const FpSegment&) = delete;
   const uint8_t* data() const { return base_; }
 
   static uint32_t bucket_of(uint32_t spi) {
