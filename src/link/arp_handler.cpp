@@ -138,12 +138,8 @@ int ArpHandler::proc_request(const arp_eth_ipv4_t& p) {
     return 0;
   }
   uint32_t if_addr = 0;
-  const int in_subnet = kestrix_validate_subnet(sys_.devices, kArpInterface, p.ar_sip, &if_addr);
-  if (in_subnet < 0) {
-    cpa_log(LOG_ERR, "Socket operation failures observed, No action taken on ARP Request\n");
-    counters_.k_arp_err++;
-    return 1;
-  }
+  const int in_subnet = sender_in_subnet(p, if_addr, "ARP Request");
+  if (in_subnet < 0) return 1;
   if (!in_subnet) flush_interface();
   cpa_log(LOG_INFO, "%s :: INFO: IP addresses on ethgrp0 interface is different, Hence re-configuring\n",
           kProcName);
@@ -160,17 +156,13 @@ int ArpHandler::proc_reply(const arp_eth_ipv4_t& p) {
   if (!sArpSet) pin_static_arp_entry(p);
   if (p.ar_sip != p.ar_tip) return 0;  // not gratuitous
 
-  const std::string sender = dotted(p.ar_sip);
+  // "from" names the sender's hardware address; its addresses follow on lines of their own.
   cpa_log(LOG_INFO, "Received Gratuitous ARP reply from %s\n", format_print_mac_address(p.ar_sha, false).c_str());
-  cpa_log(LOG_DEBUG, "\tSource IP address: %s\n", sender.c_str());
+  cpa_log(LOG_DEBUG, "\tSource IP address: %s\n", dotted(p.ar_sip).c_str());
   cpa_log(LOG_DEBUG, "\tDestination IP address: %s\n", dotted(p.ar_tip).c_str());
   uint32_t if_addr = 0;
-  const int in_subnet = kestrix_validate_subnet(sys_.devices, kArpInterface, p.ar_sip, &if_addr);
-  if (in_subnet < 0) {
-    cpa_log(LOG_ERR, "Socket operation failures observed, No action taken on Grat ARP\n");
-    counters_.k_arp_err++;
-    return 1;
-  }
+  const int in_subnet = sender_in_subnet(p, if_addr, "Grat ARP");
+  if (in_subnet < 0) return 1;
   flush_interface();
   export_sender(p);
   sys_.environment.set("ARP_IF", kArpInterface);
@@ -184,6 +176,15 @@ int ArpHandler::proc_reply(const arp_eth_ipv4_t& p) {
   counters_.k_arp_reply++;
   cpa_log(LOG_INFO, "INFO: %s is the new ethgrp0 address\n", address.c_str());
   return 0;
+}
+
+int ArpHandler::sender_in_subnet(const arp_eth_ipv4_t& p, uint32_t& if_addr, const char* packet_kind) {
+  const int in_subnet = kestrix_validate_subnet(sys_.devices, kArpInterface, p.ar_sip, &if_addr);
+  if (in_subnet < 0) {
+    cpa_log(LOG_ERR, "Socket operation failures observed, No action taken on %s\n", packet_kind);
+    counters_.k_arp_err++;
+  }
+  return in_subnet;
 }
 
 void ArpHandler::pin_static_arp_entry(const arp_eth_ipv4_t& p) {

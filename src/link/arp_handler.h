@@ -38,6 +38,8 @@ class ArpHandler {
  private:
   int proc_request(const arp_eth_ipv4_t& p);
   int proc_reply(const arp_eth_ipv4_t& p);
+  // kestrix_validate_subnet of the sender; a failure is logged and counted.
+  int sender_in_subnet(const arp_eth_ipv4_t& p, uint32_t& if_addr, const char* packet_kind);
   void pin_static_arp_entry(const arp_eth_ipv4_t& p);
   void export_sender(const arp_eth_ipv4_t& p);
   void flush_interface();
