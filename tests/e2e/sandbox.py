@@ -85,23 +85,15 @@ def new_network_namespace():
 
 def mount_over(testcase, target, source=None):
     """Covers `target` until the test ends: a fresh tmpfs over a directory, or
-    the file `source` bound over a file. What is missing is made in the private
-    /usr overlay, so the host's paths are never touched."""
-    if source is None:
+    the file `source` bound over a file. What is missing is made in the
+    private /usr overlay, so the host's paths are never touched."""
+    if source:
+        open(target, "a").close()
+        _mount(source, target, None, MS_BIND)
+    else:
         os.makedirs(target, exist_ok=True)
         _mount("tmpfs", target, "tmpfs", 0, "mode=755")
-    else:
-        if not os.path.exists(target):
-            open(target, "a").close()
-        _mount(source, target, None, MS_BIND)
     testcase.addCleanup(lambda: _check(_libc.umount2(target.encode(), 0), f"umount {target}"))
-
-
-def add_veth(name, peer):
-    """Makes the veth pair `name`-`peer` in this network namespace, both ends up."""
-    subprocess.run(["ip", "link", "add", name, "type", "veth", "peer", "name", peer], check=True)
-    for dev in (name, peer):
-        subprocess.run(["ip", "link", "set", dev, "up"], check=True)
 
 
 def wait_until(cond, done, timeout):
