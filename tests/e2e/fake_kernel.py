@@ -52,14 +52,21 @@ class FakeKernel:
             raise AssertionError(f"fake kernel did not answer {line!r}")
         return [l for l in self.lines if l in ("ok", "bad command")][self.sent - 1] == "ok"
 
-    def policies(self):
-        """The fake kernel's policy table, one line per policy (see the server)."""
+    def _table(self, command, prefix):
         with self.cond:
             mark = len(self.lines)
-        if not self.command("policies"):
-            raise AssertionError("policies command refused")
+        if not self.command(command):
+            raise AssertionError(f"{command} command refused")
         with self.cond:
-            return [l for l in self.lines[mark:] if l.startswith("policy ")]
+            return [l for l in self.lines[mark:] if l.startswith(prefix)]
+
+    def policies(self):
+        """The fake kernel's policy table, one line per policy (see the server)."""
+        return self._table("policies", "policy ")
+
+    def sas(self):
+        """The fake kernel's SA table, one line per SA (see the server)."""
+        return self._table("sas", "sa ")
 
     def acquire(self, groups, reqid):
         """Multicasts an acquire for the tunnel of request id `reqid` to `groups`."""
@@ -72,22 +79,25 @@ class FakeKernel:
         self.proc.stdout.close()
 
 
-def agent_on_fake_kernel(test):
-    """A fake kernel and an agent (-d 7) attached to it, both stopped with the test."""
+def agent_on_fake_kernel(test, *args):
+    """A fake kernel and an agent (`args`, by default -d 7) attached to it, both
+    stopped with the test."""
     kernel = FakeKernel()
     test.addCleanup(kernel.close)
-    agent = test.start_agent("-d", "7", env=kernel.env())
+    agent = test.start_agent(*(args or ("-d", "7")), env=kernel.env())
     test.assertTrue(kernel.wait_line("bound groups=0x0 pid=0"))
     test.assertTrue(kernel.wait_line("bound groups=0x8 pid=0"))
     return kernel, agent
 
 
 class FakeKernelTestCase(AgentTestCase):
-    """Each test gets a fake kernel, an agent (-d 7) attached to it, and an RP
-    (self.rp_client) that has opened tunnel 1 (request id 1)."""
+    """Each test gets a fake kernel, an agent (`agent_args`) attached to it, and
+    an RP (self.rp_client) that has opened tunnel 1 (request id 1)."""
+
+    agent_args = ("-d", "7")
 
     def setUp(self):
         super().setUp()
-        self.kernel, self.agent = agent_on_fake_kernel(self)
+        self.kernel, self.agent = agent_on_fake_kernel(self, *self.agent_args)
         self.rp_client = self.rp()
         self.assertEqual(len(self.rp_client.request(init_start(1, 0x100))), 18)
