@@ -91,3 +91,44 @@ def notify_actions(notify_handle):
 def acl_modify(callback, sadb, opcode, records=b"", seqnos=(0x21, 0x22)):
     return pal(9, be32(callback) + be32(sadb) + be32(seqnos[0]) + be32(seqnos[1]) + be32(opcode) +
                be64(5) + be64(6) + be64(7) + be16(8) + be32(9) + records)
+
+
+def key_tlv(kind, key):
+    return be16(kind) + be16(len(key)) + key
+
+
+def create_key_by_keys(callback, flow_id, sa_handle, outbound, spi, source, dest, enc_key, mac_key,
+                       tunnel_mode=True):
+    """An ESP SA's keys: AES-CBC with HMAC-SHA1, addresses as integers."""
+    cipher = bytearray(263)
+    struct.pack_into(">6I", cipher, 0, int(outbound), 1, 3, len(enc_key) * 8, 2, spi)
+    struct.pack_into(">I", cipher, 42, 64)                     # anti-replay window
+    struct.pack_into(">BBI", cipher, 46, 4, 4, source)
+    struct.pack_into(">BBI", cipher, 64, 4, 4, dest)
+    struct.pack_into(">I", cipher, 90, int(tunnel_mode))
+    return ceal(0, be32(callback) + be32(flow_id) + be32(sa_handle) + bytes(cipher) +
+                key_tlv(1, enc_key) + key_tlv(2, mac_key))
+
+
+def spi_insert(callback, sadb, spi, dest, source, sa_handle, protocol=50):
+    """An inbound SA: its SPI and addresses, and the decrypt action naming its keys."""
+    def address(value):
+        return bytes([4, 4]) + be32(value) + bytes(12) + be32(32)
+    return pal(13, be32(callback) + be32(sadb) + be32(spi) + bytes([protocol]) + be16(0) +
+               address(dest) + address(source) + be32(0) * 3 + action_record(8, 3, be32(sa_handle)))
+
+
+def cflow_insert(callback, create, sadb, sa_handle):
+    """An outbound SA: the encrypt action naming its keys."""
+    return pal(15, be32(callback) + be32(create) + be32(sadb) + be32(0) * 3 + be16(0) +
+               action_record(9, 4, be32(sa_handle)))
+
+
+def flow_stats(callback, flows):
+    """`flows`: (flow id, is_inbound) pairs."""
+    return ceal(1, be32(callback) + be32(1) + be32(len(flows)) +
+                b"".join(be32(flow) + be32(0) + be32(0) + be32(int(inbound)) for flow, inbound in flows))
+
+
+def delete_flow(handle, flow_id):
+    return ceal(4, be32(handle) + be32(flow_id) + be32(0))

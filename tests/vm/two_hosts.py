@@ -30,7 +30,8 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
 sys.path.insert(0, os.path.join(REPO, "tests", "e2e"))
-import rp_messages as rp  # noqa: E402  (the e2e RP helpers, no sandbox)
+import rp_messages as rp  # noqa: E402  (the e2e RP helpers, without the sandbox)
+from rp_client import RpClient  # noqa: E402
 
 BINARY = os.environ.get("CPA_BINARY", os.path.join(REPO, "build", "ipsec_cpa"))
 TUNNEL = 7
@@ -63,11 +64,11 @@ HOSTS = (A, B)
 
 # ---------------------------------------------------------------- plumbing
 
-def run(*args, ns=None, check=True):
-    """Runs a command (in namespace `ns`); its stdout."""
-    cmd = (["ip", "netns", "exec", ns] if ns else []) + list(args)
-    # close_fds=False lets Python spawn without fork, which costs seconds under emulation.
-    done = subprocess.run(cmd, capture_output=True, text=True, close_fds=False)
+def run(*cmd, check=True, stdin=None):
+    """Runs a command; its stdout. Each one costs about half a second under
+    emulation, hence the batches below."""
+    # close_fds=False lets Python spawn without fork, which costs seconds more.
+    done = subprocess.run(cmd, capture_output=True, text=True, close_fds=False, input=stdin)
     if check and done.returncode != 0:
         raise RuntimeError(f"{' '.join(cmd)}: {done.stderr.strip()}")
     return done.stdout
@@ -75,6 +76,12 @@ def run(*args, ns=None, check=True):
 
 def ip(ns, *args, check=True):
     return run("ip", "-n", ns, *args, check=check)
+
+
+def ip_batch(ns, *commands, check=True):
+    """Several `ip` commands in namespace `ns` (None: this one) in one process."""
+    return run("ip", *(["-n", ns] if ns else []), *([] if check else ["-force"]), "-batch", "-",
+               stdin="\n".join(commands) + "\n", check=check)
 
 
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -111,28 +118,20 @@ check = Checks()
 
 
 def build_topology():
+    ip_batch(None, *(f"netns add {ns}" for h in HOSTS for ns in (h.ns, h.site_ns)))
+    ip_batch(A.ns, f"link add wan type veth peer name wan netns {B.ns}")
     for h in HOSTS:
-        for ns in (h.ns, h.site_ns):
-            run("ip", "netns", "add", ns)
-            ip(ns, "link", "set", "lo", "up")
-        ip(h.ns, "link", "add", "site", "type", "veth", "peer", "name", "uplink", "netns", h.site_ns)
-        ip(h.ns, "addr", "add", f"{h.gateway}/24", "dev", "site")
-        ip(h.ns, "link", "set", "site", "up")
-        ip(h.site_ns, "addr", "add", f"{h.site_addr}/24", "dev", "uplink")
-        ip(h.site_ns, "link", "set", "uplink", "up")
-        ip(h.site_ns, "route", "add", "default", "via", h.gateway)
+        ip_batch(h.ns, "link set lo up", f"link add site type veth peer name uplink netns {h.site_ns}",
+                 f"addr add {h.gateway}/24 dev site", "link set site up",
+                 f"addr add {h.wan}/24 dev wan", "link set wan up")
+        ip_batch(h.site_ns, "link set lo up", f"addr add {h.site_addr}/24 dev uplink",
+                 "link set uplink up", f"route add default via {h.gateway}")
         with netns(h.ns), open("/proc/sys/net/ipv4/ip_forward", "w") as forwarding:
             forwarding.write("1")
-    ip(A.ns, "link", "add", "wan", "type", "veth", "peer", "name", "wan", "netns", B.ns)
-    for h in HOSTS:
-        ip(h.ns, "addr", "add", f"{h.wan}/24", "dev", "wan")
-        ip(h.ns, "link", "set", "wan", "up")
 
 
 def remove_topology():
-    for h in HOSTS:
-        for ns in (h.ns, h.site_ns):
-            run("ip", "netns", "del", ns, check=False)
+    ip_batch(None, *(f"netns del {ns}" for h in HOSTS for ns in (h.ns, h.site_ns)), check=False)
 
 
 # ---------------------------------------------------------------- what the kernel holds
@@ -143,34 +142,33 @@ def xfrm_blocks(ns, what, stats=False):
     return [b for b in re.split(r"\n(?=src )", text.strip()) if b]
 
 
+def fields(block, **patterns):
+    """The first group of each pattern found in `block`, or None."""
+    return {name: (re.search(pattern, block, re.M) or [None, None])[1] for name, pattern in patterns.items()}
+
+
 def state_of(block):
-    field = lambda pattern: (re.search(pattern, block) or [None, None])[1]
-    return {
-        "src": field(r"^src (\S+)"), "dst": field(r"^src \S+ dst (\S+)"),
-        "proto": field(r"proto (\w+)"), "spi": int(field(r"spi (0x[0-9a-f]+)"), 16),
-        "reqid": int(field(r"reqid (\d+)")), "mode": field(r"mode (\w+)"),
-        "if_id": int(field(r"if_id (0x[0-9a-f]+)") or "0", 16),
-        "enc": field(r"\benc (\S+)"), "auth": field(r"\bauth(?:-trunc)? (\S+)"),
-    }
-
-
-def counters_of(block):
-    """(bytes, packets, integrity failures) of an `ip -s xfrm state` block."""
-    current = re.search(r"lifetime current:\s+(\d+)\(bytes\), (\d+)\(packets\)", block)
-    failed = re.search(r"replay \d+ failed (\d+)", block)
-    return int(current[1]), int(current[2]), int(failed[1])
+    f = fields(block, src=r"^src (\S+)", dst=r"^src \S+ dst (\S+)", proto=r"proto (\w+)",
+               spi=r"spi (0x[0-9a-f]+)", reqid=r"reqid (\d+)", mode=r"mode (\w+)",
+               if_id=r"if_id (0x[0-9a-f]+)", enc=r"\benc (\S+)", auth=r"\bauth(?:-trunc)? (\S+)")
+    return dict(f, spi=int(f["spi"], 16), reqid=int(f["reqid"]), if_id=int(f["if_id"] or "0", 16))
 
 
 def policy_of(block):
-    field = lambda pattern: (re.search(pattern, block) or [None, None])[1]
-    return {
-        "src": field(r"^src (\S+)"), "dst": field(r"^src \S+ dst (\S+)"),
-        "dir": field(r"dir (\w+)"),
-        "tmpl": (field(r"tmpl src (\S+)"), field(r"tmpl src \S+ dst (\S+)")),
-        "proto": field(r"proto (\w+)"), "mode": field(r"mode (\w+)"),
-        "reqid": int(field(r"reqid (\d+)") or "0"),
-        "if_id": int(field(r"if_id (0x[0-9a-f]+)") or "0", 16),
-    }
+    f = fields(block, src=r"^src (\S+)", dst=r"^src \S+ dst (\S+)", dir=r"dir (\w+)",
+               tmpl_src=r"tmpl src (\S+)", tmpl_dst=r"tmpl src \S+ dst (\S+)", proto=r"proto (\w+)",
+               mode=r"mode (\w+)", reqid=r"reqid (\d+)", if_id=r"if_id (0x[0-9a-f]+)")
+    return dict(f, reqid=int(f["reqid"] or "0"), if_id=int(f["if_id"] or "0", 16))
+
+
+def sa_counters(h):
+    """{spi: (bytes, packets, integrity failures)} of host `h`'s SAs."""
+    counters = {}
+    for block in xfrm_blocks(h.ns, "state", stats=True):
+        current = re.search(r"lifetime current:\s+(\d+)\(bytes\), (\d+)\(packets\)", block)
+        failed = re.search(r"replay \d+ failed (\d+)", block)
+        counters[state_of(block)["spi"]] = (int(current[1]), int(current[2]), int(failed[1]))
+    return counters
 
 
 def expected_states(h, reqid):
@@ -181,29 +179,27 @@ def expected_states(h, reqid):
 
 
 def expected_policies(h, reqid):
-    pol = lambda d, src, dst, tmpl: {"src": src, "dst": dst, "dir": d, "tmpl": tmpl, "proto": "esp",
-                                     "mode": "tunnel", "reqid": reqid, "if_id": TUNNEL}
-    return [pol("out", h.subnet, h.peer.subnet, (h.wan, h.peer.wan)),
-            pol("in", h.peer.subnet, h.subnet, (h.peer.wan, h.wan))]
+    """Out and in, and fwd: without it the kernel drops decrypted traffic that it forwards to the site."""
+    pol = lambda d, src, dst, tsrc, tdst: {"src": src, "dst": dst, "dir": d, "tmpl_src": tsrc,
+                                           "tmpl_dst": tdst, "proto": "esp", "mode": "tunnel",
+                                           "reqid": reqid, "if_id": TUNNEL}
+    return [pol("out", h.subnet, h.peer.subnet, h.wan, h.peer.wan),
+            pol("in", h.peer.subnet, h.subnet, h.peer.wan, h.wan),
+            pol("fwd", h.peer.subnet, h.subnet, h.peer.wan, h.wan)]
 
 
 def sorted_dicts(items):
     return sorted(items, key=lambda d: sorted((k, str(v)) for k, v in d.items()))
 
 
-def check_kernel_tables(reqid, fwd_policies):
+def check_kernel_tables(reqids):
     for h in HOSTS:
         states = [state_of(b) for b in xfrm_blocks(h.ns, "state")]
         check(f"{h.name}: exactly the expected SAs (directions, SPIs, if_id, algorithms)",
-              sorted_dicts(states) == sorted_dicts(expected_states(h, reqid)), states)
+              sorted_dicts(states) == sorted_dicts(expected_states(h, reqids[h.name])), states)
         policies = [policy_of(b) for b in xfrm_blocks(h.ns, "policy")]
-        if not fwd_policies:
-            policies = [p for p in policies if p["dir"] != "fwd"]
-        want = expected_policies(h, reqid)
-        if fwd_policies:
-            want.append(dict(want[1], dir="fwd"))
         check(f"{h.name}: exactly the expected policies (directions, selectors, templates, if_id)",
-              sorted_dicts(policies) == sorted_dicts(want), policies)
+              sorted_dicts(policies) == sorted_dicts(expected_policies(h, reqids[h.name])), policies)
         link = ip(h.ns, "-d", "link", "show", DEVICE, check=False)
         check(f"{h.name}: {DEVICE} is an xfrm interface with if_id {TUNNEL}, up, MTU 9160",
               re.search(rf"xfrm if_id {hex(TUNNEL)}\b", link) is not None and ",UP" in link
@@ -217,11 +213,10 @@ def check_tunnel_gone():
         check(f"{h.name}: no {DEVICE} left", DEVICE not in ip(h.ns, "link"))
 
 
-def sa_counters(h, spi):
-    for block in xfrm_blocks(h.ns, "state", stats=True):
-        if state_of(block)["spi"] == spi:
-            return counters_of(block)
-    return None
+def show_counters(title):
+    if os.environ.get("CPA_DEMO"):
+        for h in HOSTS:
+            print(f"--- {title}: ip -s xfrm state on host {h.name}\n{ip(h.ns, '-s', 'xfrm', 'state')}")
 
 
 # ---------------------------------------------------------------- traffic
@@ -290,9 +285,10 @@ def tcp_exchange(src, dst, payload, timeout=5.0):
 
 
 def check_traffic_through_tunnel():
-    """UDP and TCP both ways through svti7, ESP on the wire and nothing in the clear."""
+    """UDP and TCP both ways through svti7, ESP on the wire and nothing in the clear.
+    Returns the SA counters of both hosts afterwards."""
     capture = Capture(A)
-    before = {h.name: sa_counters(h, h.spi_out) for h in HOSTS}
+    before = {h.name: sa_counters(h) for h in HOSTS}
     check("UDP site-a -> site-b and back", udp_exchange(A, B, MARKER + b" udp"))
     check("UDP site-b -> site-a and back", udp_exchange(B, A, MARKER + b" udp back"))
     check("TCP site-a -> site-b and back", tcp_exchange(A, B, MARKER + b" tcp"))
@@ -302,12 +298,16 @@ def check_traffic_through_tunnel():
     check(f"the wire carries ESP ({len(esp)} of {len(ipv4)} IPv4 frames)", len(esp) >= 6)
     check("no IPv4 frame on the wire other than ESP", len(esp) == len(ipv4))
     check("the payload never shows on the wire", not any(MARKER in f for f in frames))
+    after = {h.name: sa_counters(h) for h in HOSTS}
     for h in HOSTS:
-        out_now, in_peer = sa_counters(h, h.spi_out), sa_counters(h.peer, h.spi_out)
+        sent, received = after[h.name].get(h.spi_out), after[h.peer.name].get(h.spi_out)
         check(f"{h.name}: outbound SA counted the traffic",
-              out_now[1] > before[h.name][1], f"{before[h.name]} -> {out_now}")
+              sent is not None and sent[1] > before[h.name][h.spi_out][1], f"{before[h.name]} -> {sent}")
         check(f"{h.name}: what it sent is what the peer's inbound SA received",
-              out_now[:2] == in_peer[:2], f"{out_now} vs {in_peer}")
+              sent is not None and received is not None and sent[:2] == received[:2],
+              f"{sent} vs {received}")
+    show_counters("after the traffic")
+    return after
 
 
 class AcquireListener:
@@ -329,52 +329,210 @@ class AcquireListener:
                 return False
 
 
+def check_wrong_key(install_wrong_inbound_key_on_b):
+    install_wrong_inbound_key_on_b()
+    before = sa_counters(B).get(B.spi_in, (0, 0, 0))
+    check("with a wrong key on one side the traffic fails", not udp_exchange(A, B, MARKER, timeout=1.0))
+    after = sa_counters(B).get(B.spi_in)
+    check("with a wrong key the receiver's integrity failures rise",
+          after is not None and after[2] > before[2], f"{before} -> {after}")
+
+
 # ---------------------------------------------------------------- stage: by hand
 
 def ip_state(h, direction, spi, enc_key, auth_key, reqid):
     src, dst = (h.wan, h.peer.wan) if direction == "out" else (h.peer.wan, h.wan)
-    return ["xfrm", "state", "add", "src", src, "dst", dst, "proto", "esp", "spi", hex(spi),
-            "reqid", str(reqid), "mode", "tunnel", "if_id", str(TUNNEL), "replay-window", "32",
-            "auth", "hmac(sha1)", "0x" + auth_key.hex(), "enc", "cbc(aes)", "0x" + enc_key.hex()]
+    return (f"xfrm state add src {src} dst {dst} proto esp spi {hex(spi)} reqid {reqid} mode tunnel "
+            f"if_id {TUNNEL} replay-window 32 auth hmac(sha1) 0x{auth_key.hex()} "
+            f"enc cbc(aes) 0x{enc_key.hex()}")
 
 
 def hand_made_stage(reqid=1):
     print("== stage by-hand: the tunnel built with ip alone", flush=True)
     for h in HOSTS:
-        ip(h.ns, "link", "add", DEVICE, "type", "xfrm", "dev", "wan", "if_id", str(TUNNEL))
-        ip(h.ns, "link", "set", DEVICE, "mtu", "9160", "up")
-        ip(h.ns, "route", "add", h.peer.subnet, "dev", DEVICE)
-        for direction, src, dst, tsrc, tdst in (("out", h.subnet, h.peer.subnet, h.wan, h.peer.wan),
-                                                ("in", h.peer.subnet, h.subnet, h.peer.wan, h.wan),
-                                                ("fwd", h.peer.subnet, h.subnet, h.peer.wan, h.wan)):
-            ip(h.ns, "xfrm", "policy", "add", "src", src, "dst", dst, "dir", direction,
-               "tmpl", "src", tsrc, "dst", tdst, "proto", "esp", "reqid", str(reqid),
-               "mode", "tunnel", "if_id", str(TUNNEL))
+        ip_batch(h.ns, f"link add {DEVICE} type xfrm dev wan if_id {TUNNEL}",
+                 f"link set {DEVICE} mtu 9160 up", f"route add {h.peer.subnet} dev {DEVICE}",
+                 *(f"xfrm policy add src {p['src']} dst {p['dst']} dir {p['dir']} "
+                   f"tmpl src {p['tmpl_src']} dst {p['tmpl_dst']} proto esp reqid {reqid} "
+                   f"mode tunnel if_id {TUNNEL}" for p in expected_policies(h, reqid)))
     listener = AcquireListener(A)
     udp_exchange(A, B, MARKER, timeout=0.5)
     check("traffic before the SAs exist makes the kernel acquire", listener.heard())
     for h in HOSTS:
-        ip(h.ns, *ip_state(h, "out", h.spi_out, h.enc_key, h.auth_key, reqid))
-        ip(h.ns, *ip_state(h, "in", h.spi_in, h.peer.enc_key, h.peer.auth_key, reqid))
-    check_kernel_tables(reqid, fwd_policies=True)
+        ip_batch(h.ns, ip_state(h, "out", h.spi_out, h.enc_key, h.auth_key, reqid),
+                 ip_state(h, "in", h.spi_in, h.peer.enc_key, h.peer.auth_key, reqid))
+    check_kernel_tables({h.name: reqid for h in HOSTS})
     check_traffic_through_tunnel()
-    check_wrong_key(lambda: (ip(B.ns, "xfrm", "state", "del", "src", A.wan, "dst", B.wan, "proto", "esp",
-                                "spi", hex(B.spi_in)),
-                             ip(B.ns, *ip_state(B, "in", B.spi_in, A.enc_key, bytes(20), reqid))))
+    check_wrong_key(lambda: ip_batch(
+        B.ns, f"xfrm state del src {A.wan} dst {B.wan} proto esp spi {hex(B.spi_in)}",
+        ip_state(B, "in", B.spi_in, A.enc_key, bytes(20), reqid)))
     for h in HOSTS:
-        ip(h.ns, "xfrm", "state", "flush")
-        ip(h.ns, "xfrm", "policy", "flush")
-        ip(h.ns, "link", "del", DEVICE)
+        ip_batch(h.ns, "xfrm state flush", "xfrm policy flush", f"link del {DEVICE}")
     check_tunnel_gone()
 
 
-def check_wrong_key(install_wrong_inbound_key_on_b):
-    install_wrong_inbound_key_on_b()
-    before = sa_counters(B, B.spi_in)
-    check("with a wrong key on one side the traffic fails", not udp_exchange(A, B, MARKER, timeout=1.0))
-    after = sa_counters(B, B.spi_in)
-    check("with a wrong key the receiver's integrity failures rise",
-          after is not None and after[2] > before[2], f"{before} -> {after}")
+# ---------------------------------------------------------------- stage: agent
+
+NOTIFY_HANDLE = 0x4E01
+OK = rp.be32(1)  # CRYPTO_NO_ERR
+
+
+class AgentLog:
+    """The agents' syslog lines (the guest has no syslog daemon of its own)."""
+
+    def __init__(self):
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink("/dev/log")
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.sock.bind("/dev/log")
+        self.lines = []
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        with contextlib.suppress(OSError):
+            while True:
+                self.lines.append(self.sock.recv(65536).decode(errors="replace").rstrip())
+
+    def print_tail(self, count=60):
+        print("--- the agents' last syslog lines", *self.lines[-count:], sep="\n")
+
+
+class HostAgent:
+    """One agent in `-k linux` on host `h`, and the RP that drives it."""
+
+    def __init__(self, h, index):
+        self.h, self.index = h, index
+        self.callback, self.create = 0xCB00 + index, 0xC0 + index
+        self.out_flow, self.in_flow = 10 * index + 1, 10 * index + 2
+        self.out_sa, self.in_sa = 0x5A00 + 10 * index + 1, 0x5A00 + 10 * index + 2
+        self.process = subprocess.Popen(["ip", "netns", "exec", h.ns, BINARY, "-k", "linux"],
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                        close_fds=False)
+        with netns(h.ns):
+            self.rp = RpClient()
+            self.wait_bound()
+        self.sadb = 0
+
+    @staticmethod
+    def wait_bound(timeout=20.0):
+        """Until this namespace has a socket on the PAL port (0x5BA0 = 23456)."""
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            with open("/proc/thread-self/net/udp") as udp:
+                if sum(":5BA0 " in line for line in udp) >= 2:  # the agent's and the RP's
+                    return
+            time.sleep(0.2)
+        raise RuntimeError("the agent did not bind its port (does it know -k linux?)")
+
+    def ask(self, what, request, status_at=slice(-4, None)):
+        answer = self.rp.request(request, timeout=5.0)
+        check(f"{self.h.name}: {what} answered CRYPTO_NO_ERR",
+              answer is not None and answer[status_at] == OK, answer and answer.hex())
+        return answer or b""
+
+    def open_tunnel(self):
+        self.sadb = int.from_bytes(self.ask("INIT_START", rp.init_start(self.callback, self.create),
+                                            slice(14, 18))[10:14], "big")
+        peer = self.h.peer
+        self.ask("INTF_ATTACH", rp.intf_attach(self.callback, self.sadb, TUNNEL))
+        self.ask("PEER_INSERT", rp.peer_insert(self.callback, self.create, 0x9E00 + self.index, self.sadb))
+        ace = rp.ace_record(0xACE0 + self.index, addr(self.h.subnet), 24, addr(peer.subnet), 24, protocol=0)
+        self.ask("ACL install", rp.acl_modify(self.callback, self.sadb, 2,
+                                              ace + rp.notify_actions(NOTIFY_HANDLE)))
+
+    def add_keys(self, inbound_mac_key=None):
+        h, peer = self.h, self.h.peer
+        self.ask("CREATE_KEY_BY_KEYS (outbound)", rp.create_key_by_keys(
+            self.callback, self.out_flow, self.out_sa, True, h.spi_out, addr(h.wan), addr(peer.wan),
+            h.enc_key, h.auth_key), slice(10, 14))
+        self.ask("CREATE_KEY_BY_KEYS (inbound)", rp.create_key_by_keys(
+            self.callback, self.in_flow, self.in_sa, False, h.spi_in, addr(peer.wan), addr(h.wan),
+            peer.enc_key, inbound_mac_key or peer.auth_key), slice(10, 14))
+
+    def add_sas(self):
+        self.add_keys()
+        self.ask("SPI_INSERT", rp.spi_insert(self.callback, self.sadb, self.h.spi_in, addr(self.h.wan),
+                                             addr(self.h.peer.wan), self.in_sa))
+        self.ask("CFLOW_INSERT", rp.cflow_insert(self.callback, self.create, self.sadb, self.out_sa))
+
+    def replace_inbound_key(self, mac_key):
+        self.ask("DELETE_FLOW (inbound)", rp.delete_flow(self.callback, self.in_flow))
+        self.in_flow += 100
+        self.add_keys(inbound_mac_key=mac_key)
+        self.ask("DELETE_FLOW (unused outbound keys)", rp.delete_flow(self.callback, self.out_flow))
+        self.ask("SPI_INSERT (wrong key)", rp.spi_insert(self.callback, self.sadb, self.h.spi_in,
+                                                         addr(self.h.wan), addr(self.h.peer.wan), self.in_sa))
+
+    def flow_stats(self):
+        """(out bytes, out packets, in bytes, in packets) as FLOW_STATS reports them."""
+        answer = self.ask("FLOW_STATS", rp.flow_stats(self.callback, [(self.out_flow, False),
+                                                                      (self.in_flow, True)]),
+                          slice(18, 22))
+        if answer is None or len(answer) < 22 + 2 * 456:
+            return None
+        outbound, inbound = 38, 38 + 456
+        return (struct.unpack_from(">Q", answer, outbound + 192)[0],
+                struct.unpack_from(">I", answer, outbound + 224)[0],
+                struct.unpack_from(">Q", answer, inbound)[0],
+                struct.unpack_from(">I", answer, inbound + 32)[0])
+
+    def close_tunnel(self):
+        self.ask("DELETE_FLOW (outbound)", rp.delete_flow(self.callback, self.out_flow))
+        self.ask("DELETE_FLOW (inbound)", rp.delete_flow(self.callback, self.in_flow))
+        self.ask("ACL remove", rp.acl_modify(self.callback, self.sadb, 4))
+        self.ask("INTF_ATTACH (detach)", rp.intf_attach(self.callback, 0, TUNNEL))
+        self.ask("SADB_DELETE", rp.sadb_delete(self.callback, self.sadb))
+
+    def stop(self):
+        self.rp.close()
+        self.process.terminate()
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            self.process.wait(5)
+        self.process.kill()
+
+
+def addr(text):
+    """An address or a prefix's network as the integer the requests carry."""
+    return int.from_bytes(socket.inet_aton(text.split("/")[0]), "big")
+
+
+def agent_stage():
+    print(f"== stage agent: {BINARY} -k linux on each host, driven by its RP", flush=True)
+    log = AgentLog()
+    failed_before = len(check.failed)
+    agents = []
+    try:
+        for i, h in enumerate(HOSTS):
+            agents.append(HostAgent(h, i + 1))
+        for agent in agents:
+            agent.open_tunnel()
+            ip(agent.h.ns, "route", "add", agent.h.peer.subnet, "dev", DEVICE, check=False)
+        udp_exchange(A, B, MARKER, timeout=0.5)
+        notify = agents[0].rp.receive(timeout=3.0)
+        check("traffic before the SAs exist brings the RP the acquire notify",
+              notify is not None and len(notify) == 86 and notify[4:10] == rp.be16(21) + rp.be32(NOTIFY_HANDLE),
+              notify and notify.hex())
+        for agent in agents:
+            agent.add_sas()
+        check_kernel_tables({agent.h.name: agent.sadb for agent in agents})
+        counters = check_traffic_through_tunnel()
+        for agent in agents:
+            h, kernel = agent.h, counters[agent.h.name]
+            want = (*kernel.get(h.spi_out, (0, 0))[:2], *kernel.get(h.spi_in, (0, 0))[:2])
+            reported = agent.flow_stats()
+            check(f"{h.name}: FLOW_STATS reports the bytes and packets the kernel counted",
+                  reported == want, f"FLOW_STATS {reported}, kernel {want}")
+        check_wrong_key(lambda: agents[1].replace_inbound_key(bytes(20)))
+        for agent in agents:
+            agent.close_tunnel()
+        check_tunnel_gone()
+    except RuntimeError as error:
+        check("the agent stage ran to its end", False, error)
+    finally:
+        for agent in agents:
+            agent.stop()
+        if len(check.failed) > failed_before:
+            log.print_tail()
 
 
 # ---------------------------------------------------------------- main
@@ -383,9 +541,10 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--with-agent", action="store_true", help="also run the agent stage")
     parser.add_argument("--only-agent", action="store_true", help="run the agent stage alone")
-    parser.add_argument("--demo", action="store_true", help="show the kernel's tables and counters")
+    parser.add_argument("--demo", action="store_true", help="show the kernel's SAs and counters")
     args = parser.parse_args()
-    os.environ["CPA_DEMO"] = "1" if args.demo else ""
+    if args.demo:
+        os.environ["CPA_DEMO"] = "1"
     started = time.monotonic()
     remove_topology()
     build_topology()
@@ -393,8 +552,7 @@ def main():
         if not args.only_agent:
             hand_made_stage()
         if args.with_agent or args.only_agent:
-            import two_hosts_agent
-            two_hosts_agent.agent_stage(sys.modules[__name__])
+            agent_stage()
     finally:
         remove_topology()
     print(f"{'all checks passed' if not check.failed else f'{len(check.failed)} checks FAILED'}"
