@@ -208,8 +208,8 @@ def check_kernel_tables(reqids):
 
 def check_tunnel_gone():
     for h in HOSTS:
-        check(f"{h.name}: no SA left", ip(h.ns, "xfrm", "state").strip() == "")
-        check(f"{h.name}: no policy left", ip(h.ns, "xfrm", "policy").strip() == "")
+        tables = ip_batch(h.ns, "xfrm state", "xfrm policy")
+        check(f"{h.name}: no SA and no policy left", tables.strip() == "", tables)
         check(f"{h.name}: no {DEVICE} left", DEVICE not in ip(h.ns, "link"))
 
 
