@@ -91,7 +91,7 @@ set +e
 timeout --foreground -k 5 "$timeout_s" qemu-system-x86_64 \
   -accel tcg -cpu max -smp 2 -m 2048 -nodefaults -display none -no-reboot \
   -kernel "/boot/vmlinuz-$version" -initrd "$initramfs" \
-  -append "console=ttyS0 quiet loglevel=3 panic=-1 oops=panic rdinit=/init" \
+  -append "console=ttyS0 quiet loglevel=3 panic=-1 oops=panic cryptomgr.notests=1 rdinit=/init" \
   -virtfs "local,path=/,mount_tag=hostroot,security_model=passthrough,readonly=on,multidevs=remap" \
   -virtfs "local,path=$share,mount_tag=cpashare,security_model=passthrough,multidevs=remap" \
   -serial stdio </dev/null

@@ -393,7 +393,7 @@ class AgentLog:
             while True:
                 self.lines.append(self.sock.recv(65536).decode(errors="replace").rstrip())
 
-    def print_tail(self, count=60):
+    def print_tail(self, count=int(os.environ.get("CPA_VM_LOG_LINES", "60"))):
         print("--- the agents' last syslog lines", *self.lines[-count:], sep="\n")
 
 
@@ -425,7 +425,7 @@ class HostAgent:
         raise RuntimeError("the agent did not bind its port (does it know -k linux?)")
 
     def ask(self, what, request, status_at=slice(-4, None)):
-        answer = self.rp.request(request, timeout=5.0)
+        answer = self.rp.request(request, timeout=10.0)
         check(f"{self.h.name}: {what} answered CRYPTO_NO_ERR",
               answer is not None and answer[status_at] == OK, answer and answer.hex())
         return answer or b""
