@@ -213,10 +213,13 @@ def check_tunnel_gone():
         check(f"{h.name}: no {DEVICE} left", DEVICE not in ip(h.ns, "link"))
 
 
-def show_counters(title):
+def show_tables(title):
+    """For the demonstration: what the kernel of each host holds."""
     if os.environ.get("CPA_DEMO"):
         for h in HOSTS:
-            print(f"--- {title}: ip -s xfrm state on host {h.name}\n{ip(h.ns, '-s', 'xfrm', 'state')}")
+            print(f"--- {title}: host {h.name}, ip xfrm policy\n{ip(h.ns, 'xfrm', 'policy')}"
+                  f"--- {title}: host {h.name}, ip -s xfrm state\n{ip(h.ns, '-s', 'xfrm', 'state')}",
+                  flush=True)
 
 
 # ---------------------------------------------------------------- traffic
@@ -306,7 +309,7 @@ def check_traffic_through_tunnel():
         check(f"{h.name}: what it sent is what the peer's inbound SA received",
               sent is not None and received is not None and sent[:2] == received[:2],
               f"{sent} vs {received}")
-    show_counters("after the traffic")
+    show_tables("after the traffic")
     return after
 
 
