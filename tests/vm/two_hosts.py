@@ -431,7 +431,9 @@ class HostAgent:
         raise RuntimeError("the agent did not bind its port (does it know -k linux?)")
 
     def ask(self, what, request, status_at=slice(-4, None)):
-        answer = self.rp.request(request, timeout=10.0)
+        # The first SA of an algorithm has the kernel run modprobe for it several
+        # times, which takes seconds under emulation on busy cores.
+        answer = self.rp.request(request, timeout=30.0)
         check(f"{self.h.name}: {what} answered CRYPTO_NO_ERR",
               answer is not None and answer[status_at] == OK, answer and answer.hex())
         return answer or b""
@@ -446,28 +448,29 @@ class HostAgent:
         self.ask("ACL install", rp.acl_modify(self.callback, self.sadb, 2,
                                               ace + rp.notify_actions(NOTIFY_HANDLE)))
 
-    def add_keys(self, inbound_mac_key=None):
-        h, peer = self.h, self.h.peer
-        self.ask("CREATE_KEY_BY_KEYS (outbound)", rp.create_key_by_keys(
-            self.callback, self.out_flow, self.out_sa, True, h.spi_out, addr(h.wan), addr(peer.wan),
-            h.enc_key, h.auth_key), slice(10, 14))
-        self.ask("CREATE_KEY_BY_KEYS (inbound)", rp.create_key_by_keys(
-            self.callback, self.in_flow, self.in_sa, False, h.spi_in, addr(peer.wan), addr(h.wan),
-            peer.enc_key, inbound_mac_key or peer.auth_key), slice(10, 14))
+    def add_key(self, outbound, mac_key=None):
+        """The keys of the SA this host sends on (outbound) or receives on."""
+        sender = self.h if outbound else self.h.peer
+        flow, sa = (self.out_flow, self.out_sa) if outbound else (self.in_flow, self.in_sa)
+        self.ask(f"CREATE_KEY_BY_KEYS ({'outbound' if outbound else 'inbound'})", rp.create_key_by_keys(
+            self.callback, flow, sa, outbound, sender.spi_out, addr(sender.wan), addr(sender.peer.wan),
+            sender.enc_key, mac_key or sender.auth_key), slice(10, 14))
+
+    def insert_spi(self, what="SPI_INSERT"):
+        self.ask(what, rp.spi_insert(self.callback, self.sadb, self.h.spi_in, addr(self.h.wan),
+                                     addr(self.h.peer.wan), self.in_sa))
 
     def add_sas(self):
-        self.add_keys()
-        self.ask("SPI_INSERT", rp.spi_insert(self.callback, self.sadb, self.h.spi_in, addr(self.h.wan),
-                                             addr(self.h.peer.wan), self.in_sa))
+        self.add_key(outbound=True)
+        self.add_key(outbound=False)
+        self.insert_spi()
         self.ask("CFLOW_INSERT", rp.cflow_insert(self.callback, self.create, self.sadb, self.out_sa))
 
     def replace_inbound_key(self, mac_key):
         self.ask("DELETE_FLOW (inbound)", rp.delete_flow(self.callback, self.in_flow))
         self.in_flow += 100
-        self.add_keys(inbound_mac_key=mac_key)
-        self.ask("DELETE_FLOW (unused outbound keys)", rp.delete_flow(self.callback, self.out_flow))
-        self.ask("SPI_INSERT (wrong key)", rp.spi_insert(self.callback, self.sadb, self.h.spi_in,
-                                                         addr(self.h.wan), addr(self.h.peer.wan), self.in_sa))
+        self.add_key(outbound=False, mac_key=mac_key)
+        self.insert_spi("SPI_INSERT (wrong key)")
 
     def flow_stats(self):
         """(out bytes, out packets, in bytes, in packets) as FLOW_STATS reports them."""
