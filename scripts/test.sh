@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs what the tests need, builds every flavour and runs every test:
 # unit tests plain and under ASan+UBSan, the end-to-end suite against both
-# agent binaries, the installation, and each fuzz target for a bounded time.
-# Run as root.
+# agent binaries, the installation, the two-host test on a stock kernel in a
+# virtual machine, and each fuzz target for a bounded time. Run as root.
 # CPA_FUZZ_SECONDS sets the time per fuzz target (default: 60 s for the
 # datagram dispatch target, which reaches every handler, 30 s for the others).
 set -euo pipefail
@@ -31,6 +31,9 @@ step "end-to-end (ASan+UBSan agent)"
 
 step "install: scratch DESTDIR, service unit, manuals, Debian package"
 bash tests/install/test_install.sh build
+
+step "real kernel: two hosts in a virtual machine"
+bash scripts/vm-test.sh
 
 for fuzzer in build-fuzz/*_fuzzer; do
   default_seconds=30

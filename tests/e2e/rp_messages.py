@@ -121,6 +121,12 @@ def create_keys(handle, ipsec_index, ipsec_sa, info, keys=b""):
     return be16(MSG_CEAL) + be16(277 + len(keys)) + be16(0) + body + keys
 
 
+def flow_stats(callback, flows):
+    """`flows`: (flow id, is_inbound) pairs."""
+    return ceal(1, be32(callback) + be32(1) + be32(len(flows)) +
+                b"".join(be32(flow) + be32(0) + be32(0) + be32(int(inbound)) for flow, inbound in flows))
+
+
 def delete_flow(handle, flow_id):
     return ceal(4, be32(handle) + be32(flow_id) + be32(0))
 

@@ -21,7 +21,7 @@ import threading
 import time
 import unittest
 
-from rp_messages import init_start
+from rp_client import AGENT_ADDR, KEEPALIVE_PORT, PAL_PORT, RP_ADDR, RpClient  # noqa: F401  (re-exported)
 
 REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BINARY = os.environ.get("CPA_BINARY", os.path.join(REPO, "build", "ipsec_cpa"))
@@ -30,10 +30,6 @@ CLONE_NEWNS = 0x00020000
 CLONE_NEWNET = 0x40000000
 MS_BIND, MS_REC, MS_PRIVATE = 0x1000, 0x4000, 0x40000
 
-PAL_PORT = 23456
-KEEPALIVE_PORT = 23458
-AGENT_ADDR = "127.0.0.1"
-RP_ADDR = "127.0.0.2"
 SCRATCH = "/dev/.cpa-scratch"
 
 LOG_ERR, LOG_WARNING, LOG_INFO, LOG_DEBUG = 3, 4, 6, 7
@@ -158,48 +154,6 @@ class SyslogCapture:
         self.running = False
         self.thread.join()
         self.sock.close()
-
-
-class RpClient:
-    """Plays the RP on loopback: requests go from RP_ADDR to the agent, and
-    responses are read where the agent sends them, RP_ADDR port 23456."""
-
-    def __init__(self, addr=RP_ADDR):
-        self.inbox = self._bound(addr, PAL_PORT)
-        self.sender = self._bound(addr, 0)
-
-    @staticmethod
-    def _bound(addr, port):
-        s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        # The agent holds the wildcard address of the same port; a socket bound
-        # to a specific address gets the datagrams sent to that address.
-        s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        s.bind((addr, port))
-        return s
-
-    def send(self, datagram):
-        self.sender.sendto(bytes(datagram), (AGENT_ADDR, PAL_PORT))
-
-    def receive(self, timeout=2.0):
-        """The next datagram that reached the RP, or None."""
-        self.inbox.settimeout(timeout)
-        try:
-            data, _ = self.inbox.recvfrom(65536)
-            return data
-        except socket.timeout:
-            return None
-
-    def request(self, datagram, timeout=2.0):
-        self.send(datagram)
-        return self.receive(timeout)
-
-    def open_tunnel(self, create):
-        """Sends SADB_INIT_START; the SADB handle of the answer."""
-        return int.from_bytes(self.request(init_start(1, create))[10:14], "big")
-
-    def close(self):
-        self.inbox.close()
-        self.sender.close()
 
 
 class Agent:

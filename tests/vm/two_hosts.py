@@ -1,0 +1,581 @@
+#!/usr/bin/env python3
+"""Two IPsec hosts on a real kernel, checked from the outside (run as root in
+the virtual machine of scripts/vm-run.sh, whose kernel has ESP and xfrm
+interfaces).
+
+    site-a ── host-a ══ ESP over veth ══ host-b ── site-b
+
+Every box is a network namespace. The hosts carry one tunnel (svti7, if_id 7)
+between the sites. Stage "by-hand" builds the tunnel with `ip` alone: the exact
+kernel configuration the agent has to produce, which validates the checks.
+Stage "agent" (--with-agent) starts one agent per host with `-k linux` and has
+one RP per host drive it through the tunnel's life, then runs the same checks.
+
+Usage: two_hosts.py [--with-agent] [--only-agent] [--demo]
+Exit status 0 when every check passed.
+"""
+
+import argparse
+import contextlib
+import ctypes
+import os
+import re
+import socket
+import struct
+import subprocess
+import sys
+import threading
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+REPO = os.path.dirname(os.path.dirname(HERE))
+sys.path.insert(0, os.path.join(REPO, "tests", "e2e"))
+import rp_messages as rp  # noqa: E402  (the e2e RP helpers, without the sandbox)
+from rp_client import RpClient  # noqa: E402
+
+BINARY = os.environ.get("CPA_BINARY", os.path.join(REPO, "build", "ipsec_cpa"))
+TUNNEL = 7
+DEVICE = f"svti{TUNNEL}"
+MARKER = b"plaintext-marker-7f3a"  # must never show on the wire between the hosts
+CLONE_NEWNET = 0x40000000
+
+
+class Host:
+    def __init__(self, name, wan, site_net, spi_out, spi_in, enc_key, auth_key):
+        self.ns, self.site_ns = f"cpa-{name}", f"cpa-site-{name}"
+        self.name, self.wan = name, wan
+        self.site_net = site_net              # "10.1.0" -> 10.1.0.0/24
+        self.gateway = f"{site_net}.1"        # the host's address towards its site
+        self.site_addr = f"{site_net}.2"
+        self.spi_out, self.spi_in = spi_out, spi_in
+        self.enc_key, self.auth_key = enc_key, auth_key  # of the SA this host sends on
+        self.peer = None
+
+    @property
+    def subnet(self):
+        return f"{self.site_net}.0/24"
+
+
+A = Host("a", "192.0.2.1", "10.1.0", 0x1001, 0x1002, bytes(range(16)), bytes(range(32, 52)))
+B = Host("b", "192.0.2.2", "10.2.0", 0x1002, 0x1001, bytes(range(64, 80)), bytes(range(96, 116)))
+A.peer, B.peer = B, A
+HOSTS = (A, B)
+
+
+# ---------------------------------------------------------------- plumbing
+
+def run(*cmd, check=True, stdin=None):
+    """Runs a command; its stdout. Each one costs about half a second under
+    emulation, hence the batches below."""
+    # close_fds=False lets Python spawn without fork, which costs seconds more.
+    done = subprocess.run(cmd, capture_output=True, text=True, close_fds=False, input=stdin)
+    if check and done.returncode != 0:
+        raise RuntimeError(f"{' '.join(cmd)}: {done.stderr.strip()}")
+    return done.stdout
+
+
+def ip(ns, *args, check=True):
+    return run("ip", "-n", ns, *args, check=check)
+
+
+def ip_batch(ns, *commands, check=True):
+    """Several `ip` commands in namespace `ns` (None: this one) in one process."""
+    return run("ip", *(["-n", ns] if ns else []), *([] if check else ["-force"]), "-batch", "-",
+               stdin="\n".join(commands) + "\n", check=check)
+
+
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+@contextlib.contextmanager
+def netns(name):
+    """Moves this thread into network namespace `name`; sockets made inside stay there."""
+    own = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
+    target = os.open(f"/run/netns/{name}", os.O_RDONLY)
+    try:
+        if _libc.setns(target, CLONE_NEWNET) != 0:
+            raise OSError(ctypes.get_errno(), f"setns {name}")
+        yield
+    finally:
+        _libc.setns(own, CLONE_NEWNET)
+        os.close(own)
+        os.close(target)
+
+
+class Checks:
+    def __init__(self):
+        self.failed = []
+
+    def __call__(self, name, ok, detail=""):
+        print(f"{'ok  ' if ok else 'FAIL'} {name}" + ("" if ok or not detail else f"\n     {detail}"),
+              flush=True)
+        if not ok:
+            self.failed.append(name)
+        return ok
+
+
+check = Checks()
+
+
+def build_topology():
+    ip_batch(None, *(f"netns add {ns}" for h in HOSTS for ns in (h.ns, h.site_ns)))
+    ip_batch(A.ns, f"link add wan type veth peer name wan netns {B.ns}")
+    for h in HOSTS:
+        ip_batch(h.ns, "link set lo up", f"link add site type veth peer name uplink netns {h.site_ns}",
+                 f"addr add {h.gateway}/24 dev site", "link set site up",
+                 f"addr add {h.wan}/24 dev wan", "link set wan up")
+        ip_batch(h.site_ns, "link set lo up", f"addr add {h.site_addr}/24 dev uplink",
+                 "link set uplink up", f"route add default via {h.gateway}")
+        with netns(h.ns), open("/proc/sys/net/ipv4/ip_forward", "w") as forwarding:
+            forwarding.write("1")
+
+
+def remove_topology():
+    ip_batch(None, *(f"netns del {ns}" for h in HOSTS for ns in (h.ns, h.site_ns)), check=False)
+
+
+# ---------------------------------------------------------------- what the kernel holds
+
+def xfrm_blocks(ns, what, stats=False):
+    """`ip xfrm state|policy` cut into one text block per entry. States of SPI 0
+    are left out: the kernel's placeholders for an acquire, which it drops
+    by itself after 30 s and which nobody else can delete by SPI."""
+    text = ip(ns, *(["-s"] if stats else []), "xfrm", what)
+    blocks = [b for b in re.split(r"\n(?=src )", text.strip()) if b]
+    return [b for b in blocks if what != "state" or not re.search(r"\bspi 0x0+\b", b)]
+
+
+def fields(block, **patterns):
+    """The first group of each pattern found in `block`, or None."""
+    return {name: (re.search(pattern, block, re.M) or [None, None])[1] for name, pattern in patterns.items()}
+
+
+def state_of(block):
+    f = fields(block, src=r"^src (\S+)", dst=r"^src \S+ dst (\S+)", proto=r"proto (\w+)",
+               spi=r"spi (0x[0-9a-f]+)", reqid=r"reqid (\d+)", mode=r"mode (\w+)",
+               if_id=r"if_id (0x[0-9a-f]+)", enc=r"\benc (\S+)", auth=r"\bauth(?:-trunc)? (\S+)")
+    return dict(f, spi=int(f["spi"], 16), reqid=int(f["reqid"]), if_id=int(f["if_id"] or "0", 16))
+
+
+def policy_of(block):
+    f = fields(block, src=r"^src (\S+)", dst=r"^src \S+ dst (\S+)", dir=r"dir (\w+)",
+               tmpl_src=r"tmpl src (\S+)", tmpl_dst=r"tmpl src \S+ dst (\S+)", proto=r"proto (\w+)",
+               mode=r"mode (\w+)", reqid=r"reqid (\d+)", if_id=r"if_id (0x[0-9a-f]+)")
+    return dict(f, reqid=int(f["reqid"] or "0"), if_id=int(f["if_id"] or "0", 16))
+
+
+def sa_counters(h):
+    """{spi: (bytes, packets, integrity failures)} of host `h`'s SAs."""
+    counters = {}
+    for block in xfrm_blocks(h.ns, "state", stats=True):
+        current = re.search(r"lifetime current:\s+(\d+)\(bytes\), (\d+)\(packets\)", block)
+        failed = re.search(r"replay \d+ failed (\d+)", block)
+        counters[state_of(block)["spi"]] = (int(current[1]), int(current[2]), int(failed[1]))
+    return counters
+
+
+def expected_states(h, reqid):
+    sa = lambda src, dst, spi: {"src": src, "dst": dst, "proto": "esp", "spi": spi, "reqid": reqid,
+                                "mode": "tunnel", "if_id": TUNNEL, "enc": "cbc(aes)",
+                                "auth": "hmac(sha1)"}
+    return [sa(h.wan, h.peer.wan, h.spi_out), sa(h.peer.wan, h.wan, h.spi_in)]
+
+
+def expected_policies(h, reqid):
+    """Out and in, and fwd: without it the kernel drops decrypted traffic that it forwards to the site."""
+    pol = lambda d, src, dst, tsrc, tdst: {"src": src, "dst": dst, "dir": d, "tmpl_src": tsrc,
+                                           "tmpl_dst": tdst, "proto": "esp", "mode": "tunnel",
+                                           "reqid": reqid, "if_id": TUNNEL}
+    return [pol("out", h.subnet, h.peer.subnet, h.wan, h.peer.wan),
+            pol("in", h.peer.subnet, h.subnet, h.peer.wan, h.wan),
+            pol("fwd", h.peer.subnet, h.subnet, h.peer.wan, h.wan)]
+
+
+def sorted_dicts(items):
+    return sorted(items, key=lambda d: sorted((k, str(v)) for k, v in d.items()))
+
+
+def check_kernel_tables(reqids):
+    for h in HOSTS:
+        states = [state_of(b) for b in xfrm_blocks(h.ns, "state")]
+        check(f"{h.name}: exactly the expected SAs (directions, SPIs, if_id, algorithms)",
+              sorted_dicts(states) == sorted_dicts(expected_states(h, reqids[h.name])), states)
+        policies = [policy_of(b) for b in xfrm_blocks(h.ns, "policy")]
+        check(f"{h.name}: exactly the expected policies (directions, selectors, templates, if_id)",
+              sorted_dicts(policies) == sorted_dicts(expected_policies(h, reqids[h.name])), policies)
+        link = ip(h.ns, "-d", "link", "show", DEVICE, check=False)
+        check(f"{h.name}: {DEVICE} is an xfrm interface with if_id {TUNNEL}, up, MTU 9160",
+              re.search(rf"xfrm if_id {hex(TUNNEL)}\b", link) is not None and ",UP" in link
+              and "mtu 9160" in link, link)
+
+
+def check_tunnel_gone():
+    for h in HOSTS:
+        left = xfrm_blocks(h.ns, "state") + xfrm_blocks(h.ns, "policy")
+        check(f"{h.name}: no SA and no policy left", not left, left)
+        check(f"{h.name}: no {DEVICE} left", DEVICE not in ip(h.ns, "link"))
+
+
+def show_tables(title):
+    """For the demonstration: what the kernel of each host holds."""
+    if os.environ.get("CPA_DEMO"):
+        for h in HOSTS:
+            print(f"--- {title}: host {h.name}, ip xfrm policy\n{ip(h.ns, 'xfrm', 'policy')}"
+                  f"--- {title}: host {h.name}, ip -s xfrm state\n{ip(h.ns, '-s', 'xfrm', 'state')}",
+                  flush=True)
+
+
+# ---------------------------------------------------------------- traffic
+
+class Capture:
+    """Every frame seen on host `h`'s interface towards the other host."""
+
+    def __init__(self, h):
+        with netns(h.ns):
+            self.sock = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x0003))
+            self.sock.bind(("wan", 0))
+        self.sock.setblocking(False)
+
+    def frames(self):
+        out = []
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                out.append(self.sock.recv(65536))
+        self.sock.close()
+        return out
+
+
+def udp_exchange(src, dst, payload, timeout=2.0):
+    """A datagram from src's site to dst's site and its echo; True when the echo came back."""
+    with netns(dst.site_ns):
+        server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        server.bind((dst.site_addr, 5001))
+    with netns(src.site_ns):
+        client = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    with server, client:
+        server.settimeout(timeout)
+        client.settimeout(timeout)
+        client.sendto(payload, (dst.site_addr, 5001))
+        try:
+            data, addr = server.recvfrom(65536)
+            server.sendto(data, addr)
+            return client.recv(65536) == payload
+        except socket.timeout:
+            return False
+
+
+def tcp_exchange(src, dst, payload, timeout=5.0):
+    with netns(dst.site_ns):
+        server = socket.create_server((dst.site_addr, 5002))
+    server.settimeout(timeout)
+
+    def echo():
+        with contextlib.suppress(OSError):
+            conn, _ = server.accept()
+            with conn:
+                conn.settimeout(timeout)
+                conn.sendall(conn.recv(65536))
+    thread = threading.Thread(target=echo, daemon=True)
+    thread.start()
+    try:
+        with netns(src.site_ns):
+            client = socket.create_connection((dst.site_addr, 5002), timeout=timeout)
+        with client:
+            client.sendall(payload)
+            return client.recv(65536) == payload
+    except OSError:
+        return False
+    finally:
+        thread.join(timeout)
+        server.close()
+
+
+def check_traffic_through_tunnel():
+    """UDP and TCP both ways through svti7, ESP on the wire and nothing in the clear.
+    Returns the SA counters of both hosts afterwards."""
+    capture = Capture(A)
+    before = {h.name: sa_counters(h) for h in HOSTS}
+    check("UDP site-a -> site-b and back", udp_exchange(A, B, MARKER + b" udp"))
+    check("UDP site-b -> site-a and back", udp_exchange(B, A, MARKER + b" udp back"))
+    check("TCP site-a -> site-b and back", tcp_exchange(A, B, MARKER + b" tcp"))
+    frames = capture.frames()
+    ipv4 = [f for f in frames if f[12:14] == b"\x08\x00"]
+    esp = [f for f in ipv4 if f[23] == 50]
+    check(f"the wire carries ESP ({len(esp)} of {len(ipv4)} IPv4 frames)", len(esp) >= 6)
+    check("no IPv4 frame on the wire other than ESP", len(esp) == len(ipv4))
+    check("the payload never shows on the wire", not any(MARKER in f for f in frames))
+    after = {h.name: sa_counters(h) for h in HOSTS}
+    for h in HOSTS:
+        sent, received = after[h.name].get(h.spi_out), after[h.peer.name].get(h.spi_out)
+        check(f"{h.name}: outbound SA counted the traffic",
+              sent is not None and sent[1] > before[h.name][h.spi_out][1], f"{before[h.name]} -> {sent}")
+        check(f"{h.name}: what it sent is what the peer's inbound SA received",
+              sent is not None and received is not None and sent[:2] == received[:2],
+              f"{sent} vs {received}")
+    show_tables("after the traffic")
+    return after
+
+
+class AcquireListener:
+    """The kernel's acquire group on host `h`'s XFRM netlink."""
+
+    XFRM_MSG_ACQUIRE, XFRMNLGRP_ACQUIRE = 0x17, 1
+
+    def __init__(self, h):
+        with netns(h.ns):
+            self.sock = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 6)
+            self.sock.bind((0, 1 << (self.XFRMNLGRP_ACQUIRE - 1)))
+
+    def heard(self, timeout=3.0):
+        self.sock.settimeout(timeout)
+        with self.sock:
+            try:
+                return struct.unpack_from("=H", self.sock.recv(65536), 4)[0] == self.XFRM_MSG_ACQUIRE
+            except socket.timeout:
+                return False
+
+
+def check_wrong_key(install_wrong_inbound_key_on_b):
+    install_wrong_inbound_key_on_b()
+    before = sa_counters(B).get(B.spi_in, (0, 0, 0))
+    check("with a wrong key on one side the traffic fails", not udp_exchange(A, B, MARKER, timeout=1.0))
+    after = sa_counters(B).get(B.spi_in)
+    check("with a wrong key the receiver's integrity failures rise",
+          after is not None and after[2] > before[2], f"{before} -> {after}")
+
+
+# ---------------------------------------------------------------- stage: by hand
+
+def ip_state(h, direction, spi, enc_key, auth_key, reqid):
+    src, dst = (h.wan, h.peer.wan) if direction == "out" else (h.peer.wan, h.wan)
+    return (f"xfrm state add src {src} dst {dst} proto esp spi {hex(spi)} reqid {reqid} mode tunnel "
+            f"if_id {TUNNEL} replay-window 32 auth hmac(sha1) 0x{auth_key.hex()} "
+            f"enc cbc(aes) 0x{enc_key.hex()}")
+
+
+def hand_made_stage(reqid=1):
+    print("== stage by-hand: the tunnel built with ip alone", flush=True)
+    for h in HOSTS:
+        ip_batch(h.ns, f"link add {DEVICE} type xfrm dev wan if_id {TUNNEL}",
+                 f"link set {DEVICE} mtu 9160 up", f"route add {h.peer.subnet} dev {DEVICE}",
+                 *(f"xfrm policy add src {p['src']} dst {p['dst']} dir {p['dir']} "
+                   f"tmpl src {p['tmpl_src']} dst {p['tmpl_dst']} proto esp reqid {reqid} "
+                   f"mode tunnel if_id {TUNNEL}" for p in expected_policies(h, reqid)))
+    listener = AcquireListener(A)
+    udp_exchange(A, B, MARKER, timeout=0.5)
+    check("traffic before the SAs exist makes the kernel acquire", listener.heard())
+    for h in HOSTS:
+        ip_batch(h.ns, ip_state(h, "out", h.spi_out, h.enc_key, h.auth_key, reqid),
+                 ip_state(h, "in", h.spi_in, h.peer.enc_key, h.peer.auth_key, reqid))
+    check_kernel_tables({h.name: reqid for h in HOSTS})
+    check_traffic_through_tunnel()
+    check_wrong_key(lambda: ip_batch(
+        B.ns, f"xfrm state del src {A.wan} dst {B.wan} proto esp spi {hex(B.spi_in)}",
+        ip_state(B, "in", B.spi_in, A.enc_key, bytes(20), reqid)))
+    for h in HOSTS:
+        ip_batch(h.ns, "xfrm state flush", "xfrm policy flush", f"link del {DEVICE}")
+    check_tunnel_gone()
+
+
+# ---------------------------------------------------------------- stage: agent
+
+NOTIFY_HANDLE = 0x4E01
+OK = rp.be32(1)  # CRYPTO_NO_ERR
+NOTIFY = rp.be16(rp.MSG_PAL) + rp.be16(21)  # message type and PAL command of an acquire notify
+
+
+class AgentLog:
+    """The agents' syslog lines (the guest has no syslog daemon of its own)."""
+
+    def __init__(self):
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink("/dev/log")
+        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.sock.bind("/dev/log")
+        self.lines = []
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        with contextlib.suppress(OSError):
+            while True:
+                self.lines.append(self.sock.recv(65536).decode(errors="replace").rstrip())
+
+    def print_tail(self, count=int(os.environ.get("CPA_VM_LOG_LINES", "60"))):
+        print("--- the agents' last syslog lines", *self.lines[-count:], sep="\n")
+
+
+class HostAgent:
+    """One agent in `-k linux` on host `h`, and the RP that drives it."""
+
+    def __init__(self, h, index):
+        self.h, self.index = h, index
+        self.callback, self.create = 0xCB00 + index, 0xC0 + index
+        self.out_flow, self.in_flow = 10 * index + 1, 10 * index + 2
+        self.out_sa, self.in_sa = 0x5A00 + 10 * index + 1, 0x5A00 + 10 * index + 2
+        self.process = subprocess.Popen(["ip", "netns", "exec", h.ns, BINARY, "-k", "linux"],
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                        close_fds=False)
+        with netns(h.ns):
+            self.rp = RpClient()
+            self.wait_bound()
+        self.sadb = 0
+
+    @staticmethod
+    def wait_bound(timeout=20.0):
+        """Until this namespace has a socket on the PAL port (0x5BA0 = 23456)."""
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            with open("/proc/thread-self/net/udp") as udp:
+                if sum(":5BA0 " in line for line in udp) >= 2:  # the agent's and the RP's
+                    return
+            time.sleep(0.2)
+        raise RuntimeError("the agent did not bind its port (does it know -k linux?)")
+
+    def ask(self, what, request, status_at=slice(-4, None)):
+        # The first SA of an algorithm has the kernel run modprobe for it several
+        # times, which takes seconds under emulation on busy cores.
+        self.rp.send(request)
+        answer = self.rp.receive(timeout=30.0)
+        while answer is not None and answer[:2] + answer[4:6] == NOTIFY:  # unsolicited, late acquires
+            answer = self.rp.receive(timeout=30.0)
+        check(f"{self.h.name}: {what} answered CRYPTO_NO_ERR",
+              answer is not None and answer[status_at] == OK, answer and answer.hex())
+        return answer or b""
+
+    def open_tunnel(self):
+        self.sadb = int.from_bytes(self.ask("INIT_START", rp.init_start(self.callback, self.create),
+                                            slice(14, 18))[10:14], "big")
+        peer = self.h.peer
+        self.ask("INTF_ATTACH", rp.intf_attach(self.callback, self.sadb, TUNNEL))
+        self.ask("PEER_INSERT", rp.peer_insert(self.callback, self.create, 0x9E00 + self.index, self.sadb))
+        ace = rp.ace_record(0xACE0 + self.index, addr(self.h.subnet), 24, addr(peer.subnet), 24, protocol=0)
+        self.ask("ACL install", rp.acl_modify(self.callback, self.sadb, 2,
+                                              ace + rp.notify_actions(NOTIFY_HANDLE)))
+
+    def add_key(self, outbound, mac_key=None):
+        """The keys of the SA this host sends on (outbound) or receives on."""
+        sender = self.h if outbound else self.h.peer
+        flow, sa = (self.out_flow, self.out_sa) if outbound else (self.in_flow, self.in_sa)
+        info = rp.cipher_info(int(outbound), sender.spi_out, addr(sender.wan), addr(sender.peer.wan),
+                              esp=(3, len(sender.enc_key) * 8, 2), window=64, lifetimes=(0, 0))
+        keys = rp.key_tlv(1, sender.enc_key) + rp.key_tlv(2, mac_key or sender.auth_key)
+        self.ask(f"CREATE_KEY_BY_KEYS ({'outbound' if outbound else 'inbound'})",
+                 rp.create_keys(self.callback, flow, sa, info, keys), slice(10, 14))
+
+    def insert_spi(self, what="SPI_INSERT"):
+        self.ask(what, rp.spi_insert(self.callback, self.sadb, self.h.spi_in, addr(self.h.wan),
+                                     addr(self.h.peer.wan), rp.decrypt_action(self.in_sa), masks=(32, 32)))
+
+    def add_sas(self):
+        self.add_key(outbound=True)
+        self.add_key(outbound=False)
+        self.insert_spi()
+        self.ask("CFLOW_INSERT", rp.cflow_insert(self.callback, self.sadb, rp.encrypt_action(self.out_sa),
+                                                 create=self.create))
+
+    def replace_inbound_key(self, mac_key):
+        self.ask("DELETE_FLOW (inbound)", rp.delete_flow(self.callback, self.in_flow))
+        self.in_flow += 100
+        self.add_key(outbound=False, mac_key=mac_key)
+        self.insert_spi("SPI_INSERT (wrong key)")
+
+    def flow_stats(self):
+        """(out bytes, out packets, in bytes, in packets) as FLOW_STATS reports them."""
+        answer = self.ask("FLOW_STATS", rp.flow_stats(self.callback, [(self.out_flow, False),
+                                                                      (self.in_flow, True)]),
+                          slice(18, 22))
+        if answer is None or len(answer) < 22 + 2 * 456:
+            return None
+        outbound, inbound = 38, 38 + 456
+        return (struct.unpack_from(">Q", answer, outbound + 192)[0],
+                struct.unpack_from(">I", answer, outbound + 224)[0],
+                struct.unpack_from(">Q", answer, inbound)[0],
+                struct.unpack_from(">I", answer, inbound + 32)[0])
+
+    def close_tunnel(self):
+        self.ask("DELETE_FLOW (outbound)", rp.delete_flow(self.callback, self.out_flow))
+        self.ask("DELETE_FLOW (inbound)", rp.delete_flow(self.callback, self.in_flow))
+        self.ask("ACL remove", rp.acl_modify(self.callback, self.sadb, 4))
+        self.ask("INTF_ATTACH (detach)", rp.intf_attach(self.callback, 0, TUNNEL))
+        self.ask("SADB_DELETE", rp.sadb_delete(self.callback, self.sadb))
+
+    def stop(self):
+        self.rp.close()
+        self.process.terminate()
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            self.process.wait(5)
+        self.process.kill()
+
+
+def addr(text):
+    """An address or a prefix's network as the integer the requests carry."""
+    return int.from_bytes(socket.inet_aton(text.split("/")[0]), "big")
+
+
+def agent_stage():
+    print(f"== stage agent: {BINARY} -k linux on each host, driven by its RP", flush=True)
+    log = AgentLog()
+    failed_before = len(check.failed)
+    agents = []
+    try:
+        for i, h in enumerate(HOSTS):
+            agents.append(HostAgent(h, i + 1))
+        for agent in agents:
+            agent.open_tunnel()
+            ip(agent.h.ns, "route", "add", agent.h.peer.subnet, "dev", DEVICE, check=False)
+        udp_exchange(A, B, MARKER, timeout=0.5)
+        notify = agents[0].rp.receive(timeout=3.0)
+        check("traffic before the SAs exist brings the RP the acquire notify",
+              notify is not None and len(notify) == 86 and notify[:2] + notify[4:6] == NOTIFY
+              and notify[6:10] == rp.be32(NOTIFY_HANDLE),
+              notify and notify.hex())
+        for agent in agents:
+            agent.add_sas()
+        check_kernel_tables({agent.h.name: agent.sadb for agent in agents})
+        counters = check_traffic_through_tunnel()
+        for agent in agents:
+            h, kernel = agent.h, counters[agent.h.name]
+            want = (*kernel.get(h.spi_out, (0, 0))[:2], *kernel.get(h.spi_in, (0, 0))[:2])
+            reported = agent.flow_stats()
+            check(f"{h.name}: FLOW_STATS reports the bytes and packets the kernel counted",
+                  reported == want, f"FLOW_STATS {reported}, kernel {want}")
+        check_wrong_key(lambda: agents[1].replace_inbound_key(bytes(20)))
+        for agent in agents:
+            agent.close_tunnel()
+        check_tunnel_gone()
+    except RuntimeError as error:
+        check("the agent stage ran to its end", False, error)
+    finally:
+        for agent in agents:
+            agent.stop()
+        if len(check.failed) > failed_before:
+            log.print_tail()
+
+
+# ---------------------------------------------------------------- main
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--with-agent", action="store_true", help="also run the agent stage")
+    parser.add_argument("--only-agent", action="store_true", help="run the agent stage alone")
+    parser.add_argument("--demo", action="store_true", help="show the kernel's SAs and counters")
+    args = parser.parse_args()
+    if args.demo:
+        os.environ["CPA_DEMO"] = "1"
+    started = time.monotonic()
+    remove_topology()
+    build_topology()
+    try:
+        if not args.only_agent:
+            hand_made_stage()
+        if args.with_agent or args.only_agent:
+            agent_stage()
+    finally:
+        remove_topology()
+    print(f"{'all checks passed' if not check.failed else f'{len(check.failed)} checks FAILED'}"
+          f" in {time.monotonic() - started:.1f} s", flush=True)
+    return 1 if check.failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
