@@ -60,8 +60,10 @@ static_assert(offsetof(::xfrm_user_tmpl, reqid) == offsetof(xfrm_user_tmpl, reqi
   sel.saddr.a4 = htonl(p.src);
   sel.dport = htons(p.dport);
   sel.sport = htons(p.sport);
-  sel.dport_mask = 0xffff;
-  sel.sport_mask = 0xffff;
+  // A stock kernel reads port 0 under a full mask as port 0 itself; an
+  // ACE's port 0 means any port.
+  sel.dport_mask = p.dport ? 0xffff : 0;
+  sel.sport_mask = p.sport ? 0xffff : 0;
   sel.family = p.family;
   sel.prefixlen_d = static_cast<uint8_t>(p.dmask);
   sel.prefixlen_s = static_cast<uint8_t>(p.smask);

@@ -9,14 +9,21 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <string>
+#include <vector>
 #include <functional>
 #include <thread>
 
 #include "fakes/log_capture.h"
+#include "fakes/test_agent.h"
+#include "kernel/netlink_listener.h"
 #include "kernel/netlink_socket.h"
 #include "kernel/netlink_transport.h"
 #include "kernel/xfrm_policy.h"
 #include "kernel/xfrm_sa.h"
+#include "platform/tunnel_devices.h"
+#include "support/acl_builder.h"
 
 namespace cpa::test {
 namespace {
@@ -75,6 +82,72 @@ TEST(RealKernel, SocketsBindAndAbsentObjectsComeBackWithTheKernelsErrors) {
     EXPECT_EQ(errno, ESRCH);
     EXPECT_TRUE(log.has(LOG_ERR, "RTNETLINK answers: No such process (3)\n"));
     EXPECT_EQ(ctr.resp_err, 2u);
+  });
+  if (!ran) GTEST_SKIP() << "no network namespace";
+}
+
+// The lines `command` prints.
+std::vector<std::string> lines_of(const char* command) {
+  std::vector<std::string> lines;
+  FILE* out = popen(command, "r");
+  char line[512];
+  while (out && std::fgets(line, sizeof line, out)) lines.emplace_back(line);
+  if (out) pclose(out);
+  return lines;
+}
+
+// Every policy event waiting on the monitor socket, handed to the listener.
+void drain_events(Agent& agent, int monitor) {
+  uint8_t datagram[4096];
+  for (ssize_t n; (n = recv(monitor, datagram, sizeof datagram, MSG_DONTWAIT)) > 0;)
+    kestrix_nlink_handle_datagram(agent, ReceivedBytes(datagram, static_cast<size_t>(n)));
+}
+
+AceSpec permit_ace(uint32_t h) {
+  return {4, kestrix_ace_permit, 0, 0, h, 0x0A000000 + h, 32, 0xC0A80001 + (h << 8), 24, 17, 0,
+          {0, 1, {static_cast<uint16_t>(1000 + h)}}, {0, 1, {0}}, 0};
+}
+
+TEST(RealKernel, LinuxModeInstallsAclPoliciesWithTheInterfaceIdAndRemovesExactlyThem) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root for a network namespace";
+  const bool ran = in_fresh_network_namespace([] {
+    TestAgent t(AgentSettings{0, 64, KernelFlavour::kLinux});
+    t.agent.nlink.attach(kestrix_nlink_socket_create(0));
+    const ScopedFd monitor = kestrix_nlink_socket_create(9);
+    const uint32_t slot = t.open_tunnel(0x100);
+    t.agent.tunnels.at(slot)->tunnelid = 5;
+    const std::vector<std::vector<uint8_t>> install = {
+        ace_record(KESTRIX_PAL_ACE_ACL_DESC, permit_ace(1)), ace_record(KESTRIX_PAL_ACE_ACL_DESC, permit_ace(2)),
+        action_record(KESTRIX_PAL_OUT_ACTION, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, Bytes().be32(0x77))};
+    t.deliver(acl_request(2, install, 0x11, slot));
+    drain_events(t.agent, monitor.get());
+    // Two ACEs: outbound, inbound and forward policies of each, on interface
+    // 5, a port of 0 matching any port.
+    const auto installed = lines_of("ip -o xfrm policy");
+    EXPECT_EQ(installed.size(), 6u);
+    for (const std::string& line : installed) {
+      EXPECT_NE(line.find("if_id 0x5"), std::string::npos) << line;
+      EXPECT_EQ(line.find("port 0 "), std::string::npos) << line;
+    }
+    EXPECT_EQ(lines_of("ip -o xfrm policy | grep -c 'dir out'"), std::vector<std::string>{"2\n"});
+
+    t.deliver(acl_request(4, {}, 0x11, slot));
+    EXPECT_EQ(lines_of("ip -o xfrm policy"), std::vector<std::string>{});
+    EXPECT_TRUE(t.log.has(LOG_INFO, "Returning success from kestrix_nl_policy_delete"));
+
+    // No ESP in this kernel: the SA is refused with the kernel's error.
+    kestrix_ce_cipher_list_t sa;
+    sa.ce_cipher.esp_used = 1;
+    sa.ce_cipher.esp_cipher = KESTRIX_CE_AES;
+    sa.esp_key_info.len = 16;
+    EXPECT_EQ(kestrix_nlink_sa_add(t.agent.nlink, sa, 5, slot, nullptr, 64), 1);
+    EXPECT_NE(errno, 0);
+
+    // Nor xfrm interfaces: the device cannot be made, and the log says why.
+    KernelNetDeviceSysCalls devices;
+    EXPECT_EQ(svti_add(devices, "svti5", KernelFlavour::kLinux), 1);
+    EXPECT_TRUE(t.log.has(LOG_ERR,
+        "svti5: the kernel has no xfrm interfaces (CONFIG_XFRM_INTERFACE, module xfrm_interface)"));
   });
   if (!ran) GTEST_SKIP() << "no network namespace";
 }
