@@ -22,6 +22,7 @@
 #include "kernel/netlink_transport.h"
 #include "kernel/xfrm_policy.h"
 #include "kernel/xfrm_sa.h"
+#include "pal/policy_sync.h"
 #include "platform/tunnel_devices.h"
 #include "support/acl_builder.h"
 
@@ -131,6 +132,25 @@ TEST(RealKernel, LinuxModeInstallsAclPoliciesWithTheInterfaceIdAndRemovesExactly
     }
     EXPECT_EQ(lines_of("ip -o xfrm policy | grep -c 'dir out'"), std::vector<std::string>{"2\n"});
 
+    // A tunnel-mode outbound SA: the policies take its template, the
+    // endpoints turned round for inbound and forward ones; so do later ACLs.
+    cpa_interface_t* tunnel = t.agent.tunnels.at(slot);
+    auto out_sa = new_record<cpa_outbound_sa_t>();
+    out_sa->sa_info = new_record<kestrix_ce_cipher_list_t>();
+    out_sa->sa_info->ce_cipher.esp_used = 1;
+    out_sa->sa_info->ce_cipher.mode = CE_TUNNEL;
+    out_sa->sa_info->ce_cipher.source.ip_address = 0x01020304;
+    out_sa->sa_info->ce_cipher.dest.ip_address = 0x05060708;
+    EXPECT_EQ(kestrix_policies_follow_sa(t.agent, tunnel, *out_sa->sa_info), 0);
+    insert_node_out_sa(tunnel->outb_sa_list, std::move(out_sa));
+    t.deliver(acl_request(2, {ace_record(KESTRIX_PAL_ACE_ACL_DESC, permit_ace(3)), install.back()}, 0x11, slot));
+    EXPECT_EQ(lines_of("ip -o xfrm policy | grep 'dir out' | grep -c 'tmpl src 1.2.3.4 dst 5.6.7.8.*mode tunnel'"),
+              std::vector<std::string>{"3\n"});
+    EXPECT_EQ(lines_of("ip -o xfrm policy | grep -c 'tmpl src 5.6.7.8 dst 1.2.3.4.*mode tunnel'"),
+              std::vector<std::string>{"6\n"});
+
+    t.deliver(acl_request(4, {}, 0x11, slot));
+    EXPECT_EQ(lines_of("ip -o xfrm policy").size(), 6u);
     t.deliver(acl_request(4, {}, 0x11, slot));
     EXPECT_EQ(lines_of("ip -o xfrm policy"), std::vector<std::string>{});
     EXPECT_TRUE(t.log.has(LOG_INFO, "Returning success from kestrix_nl_policy_delete"));
