@@ -7,7 +7,6 @@
 
 #include <cstring>
 
-#include "diag/log.h"
 #include "kernel/kernel_dialect.h"
 #include "kernel/xfrm_algo_attrs.h"
 

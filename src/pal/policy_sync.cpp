@@ -236,8 +236,12 @@ ce_status_t kestrix_nl_policy_delete(Agent& agent, uint32_t cpa_indx) {
   return CRYPTO_NO_ERR;
 }
 
+// In linux mode the policies follow the outbound SAs as the kernel takes
+// them (kestrix_nl_sa_add), endpoints included; mode and protocol alone would
+// undo that.
 int kestrix_upd_policies(Agent& agent, const cpa_interface_t* cpa_elem, uint8_t tunn_mode,
                          uint8_t ah_proto) {
+  if (linux_mode(agent)) return 0;
   return kestrix_upd_policies(agent, cpa_elem, PolicyTemplate{tunn_mode, ah_proto, 0, 0});
 }
 
@@ -282,9 +286,13 @@ PolicyTemplate sa_policy_template(const kestrix_ce_cipher_info& ci) {
 
 int kestrix_policies_follow_sa(Agent& agent, const cpa_interface_t* tunnel,
                                const kestrix_ce_cipher_list_t& sa_info) {
-  if (!linux_mode(agent)) return 0;
+  if (!linux_mode(agent) || !sa_info.ce_cipher.outbound) return 0;
   const PolicyTemplate wanted = sa_policy_template(sa_info.ce_cipher);
   if (wanted == current_template(agent, tunnel, &sa_info)) return 0;
+  // A tunnel without policies has nothing to re-program; its ACLs take the
+  // SA's template when they come.
+  const cpa_spd_policy_t* policy = tunnel ? tunnel->head_policy.head() : nullptr;
+  if (!policy || policy->ace_entry.empty()) return 0;
   cpa_log(LOG_DEBUG, "Updating policies to the SA: mode %d proto %d", wanted.mode, wanted.protocol);
   return kestrix_upd_policies(agent, tunnel, wanted);
 }
@@ -295,8 +303,12 @@ int kestrix_nl_sa_add(Agent& agent, const kestrix_ce_cipher_list_t* sa_info, uin
     cpa_log(LOG_DEBUG, "Null sa info");
     return 0;
   }
-  return kestrix_nlink_sa_add(agent.nlink, *sa_info, tunnid, reqid, sptr,
-                              agent.settings.g_replay_window_size);
+  const int rc = kestrix_nlink_sa_add(agent.nlink, *sa_info, tunnid, reqid, sptr,
+                                     agent.settings.g_replay_window_size);
+  if (rc != 0) return rc;
+  uint32_t slot = 0;
+  if (agent.tunnels.kestrix_sadb_lookup_by_reqid(&slot, reqid) != 0) return 0;
+  return kestrix_policies_follow_sa(agent, agent.tunnels.at(slot), *sa_info);
 }
 
 }  // namespace cpa

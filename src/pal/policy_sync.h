@@ -45,6 +45,7 @@ ce_status_t kestrix_nl_policy_delete(Agent& agent, uint32_t cpa_indx);
 // Re-programs every kernel policy of the tunnel's newest policy with the
 // negotiated mode (0 transport, 1 tunnel) and IPsec protocol. 0 on success,
 // else the first failing kernel result (or 1 when there is nothing to do).
+// Nothing to do in linux mode, where the policies follow the SAs instead.
 int kestrix_upd_policies(Agent& agent, const cpa_interface_t* cpa_elem, uint8_t tunn_mode,
                          uint8_t ah_proto);
 // The same with a whole template, endpoints included.
@@ -59,12 +60,16 @@ PolicyTemplate sa_policy_template(const kestrix_ce_cipher_info& ci);
 // tunnel's other outbound SAs', or transport and ESP before the first), the
 // policies are re-programmed from it. Later ACLs of the tunnel are installed
 // with its outbound SAs' template. 0 when nothing was needed (always on the
-// platform) or the re-programming succeeded, else its result.
+// platform, for inbound SAs, and for a tunnel without policies) or the
+// re-programming succeeded, else its result. kestrix_nl_sa_add calls it for
+// every SA the kernel took.
 int kestrix_policies_follow_sa(Agent& agent, const cpa_interface_t* tunnel,
                                const kestrix_ce_cipher_list_t& sa_info);
 
 // Hands one cipher record to the kernel SA builder. 0 when the kernel took
-// the SA (or there was no record: nothing is sent), non-zero otherwise.
+// the SA (or there was no record: nothing is sent), non-zero otherwise. In
+// linux mode the tunnel's policies then follow an outbound SA (see
+// kestrix_policies_follow_sa); a failure there is this call's result.
 int kestrix_nl_sa_add(Agent& agent, const kestrix_ce_cipher_list_t* sa_info, uint32_t tunnid,
                       uint32_t reqid, cpa_netlink_ctr_t* sptr);
 

@@ -137,6 +137,7 @@ TEST(RealKernel, LinuxModeInstallsAclPoliciesWithTheInterfaceIdAndRemovesExactly
     cpa_interface_t* tunnel = t.agent.tunnels.at(slot);
     auto out_sa = new_record<cpa_outbound_sa_t>();
     out_sa->sa_info = new_record<kestrix_ce_cipher_list_t>();
+    out_sa->sa_info->ce_cipher.outbound = 1;
     out_sa->sa_info->ce_cipher.esp_used = 1;
     out_sa->sa_info->ce_cipher.mode = CE_TUNNEL;
     out_sa->sa_info->ce_cipher.source.ip_address = 0x01020304;
