@@ -9,78 +9,25 @@
 
 #include "kernel/kernel_dialect.h"
 #include "kernel/xfrm_algo_attrs.h"
+#include "kernel/xfrm_body_fields.h"
 
 namespace cpa {
 namespace {
-
-constexpr uint32_t kAnyAlgorithm = 0xFFFFFFFF;
 
 // The listener finds the tunnel by the template's request id at the same
 // offset in either dialect.
 static_assert(offsetof(::xfrm_user_tmpl, reqid) == offsetof(xfrm_user_tmpl, reqid));
 
-::xfrm_lifetime_cfg unlimited_lifetime() {
-  ::xfrm_lifetime_cfg lft{};
-  lft.soft_byte_limit = XFRM_INF;
-  lft.hard_byte_limit = XFRM_INF;
-  lft.soft_packet_limit = XFRM_INF;
-  lft.hard_packet_limit = XFRM_INF;
-  return lft;
-}
-
-::xfrm_usersa_info sa_body(const kestrix_ce_cipher_list_t& sa_info, uint32_t reqid,
-                           int replay_window) {
-  const kestrix_ce_cipher_info& ci = sa_info.ce_cipher;
-  ::xfrm_usersa_info sa{};
-  sa.lft = unlimited_lifetime();
-  sa.lft.soft_add_expires_seconds = ci.soft_time_lifetime;
-  sa.lft.hard_add_expires_seconds = ci.hard_time_lifetime;
-  sa.sel.family = AF_INET;  // any traffic: the policy does the selecting
-  sa.family = AF_INET;
-  sa.saddr.a4 = htonl(ci.source.ip_address);
-  sa.id.daddr.a4 = htonl(ci.dest.ip_address);
-  if (ci.esp_used) {
-    sa.id.spi = htonl(ci.esp_spi);
-    sa.id.proto = IPPROTO_ESP;
-  } else if (ci.ah_used) {
-    sa.id.spi = htonl(ci.ah_spi);
-    sa.id.proto = IPPROTO_AH;
-  }
-  sa.mode = static_cast<uint8_t>(ci.mode);
-  sa.reqid = reqid;
-  sa.replay_window =
-      ci.antireplay_window_size == kAntiReplayDisabled ? 0 : static_cast<uint8_t>(replay_window);
-  return sa;
-}
-
+// A stock kernel reads port 0 under a full mask as port 0 itself; an ACE's
+// port 0 means any port.
 ::xfrm_selector selector(const XfrmPolicyArgs& p) {
-  ::xfrm_selector sel{};
-  sel.daddr.a4 = htonl(p.dst);
-  sel.saddr.a4 = htonl(p.src);
-  sel.dport = htons(p.dport);
-  sel.sport = htons(p.sport);
-  // A stock kernel reads port 0 under a full mask as port 0 itself; an
-  // ACE's port 0 means any port.
-  sel.dport_mask = p.dport ? 0xffff : 0;
-  sel.sport_mask = p.sport ? 0xffff : 0;
-  sel.family = p.family;
-  sel.prefixlen_d = static_cast<uint8_t>(p.dmask);
-  sel.prefixlen_s = static_cast<uint8_t>(p.smask);
-  sel.proto = p.proto;
-  return sel;
+  return policy_selector<::xfrm_selector>(p, p.dport ? 0xffff : 0, p.sport ? 0xffff : 0);
 }
 
 ::xfrm_user_tmpl policy_template(const XfrmPolicyArgs& p) {
-  ::xfrm_user_tmpl tmpl{};
+  ::xfrm_user_tmpl tmpl = sa_template<::xfrm_user_tmpl>(p);
   tmpl.id.daddr.a4 = htonl(p.tmpl_dst);
-  tmpl.id.proto = p.sec_protocol;
-  tmpl.family = AF_INET;
   tmpl.saddr.a4 = htonl(p.tmpl_src);
-  tmpl.reqid = p.reqid;
-  tmpl.mode = p.tun_mode;
-  tmpl.aalgos = kAnyAlgorithm;
-  tmpl.ealgos = kAnyAlgorithm;
-  tmpl.calgos = kAnyAlgorithm;
   return tmpl;
 }
 
@@ -130,7 +77,8 @@ class LinuxDialect final : public KernelDialect {
  public:
   bool build_sa_add(NetlinkTransport& nl, const kestrix_ce_cipher_list_t& sa_info, uint32_t tunid,
                     uint32_t reqid, int replay_window) const override {
-    const ::xfrm_usersa_info sa = sa_body(sa_info, reqid, replay_window);
+    ::xfrm_usersa_info sa{};
+    fill_sa_info(sa, sa_info, reqid, replay_window);
     nl.begin_request(::XFRM_MSG_NEWSA, nl.port_id(), &sa, sizeof sa);
     append_if_id(nl, tunid);
     return append_algorithms<::xfrm_algo, ::xfrm_algo_aead>(nl, sa_info, ::XFRMA_ALG_AUTH,
@@ -151,7 +99,7 @@ class LinuxDialect final : public KernelDialect {
                         const XfrmPolicyArgs& policy) const override {
     ::xfrm_userpolicy_info info{};
     info.sel = selector(policy);
-    info.lft = unlimited_lifetime();
+    set_unlimited(info.lft);
     info.dir = policy.dir;
     info.action = policy.action;
     nl.begin_request(update ? ::XFRM_MSG_UPDPOLICY : ::XFRM_MSG_NEWPOLICY, nl.port_id(), &info,

@@ -5,69 +5,14 @@
 #include "diag/log.h"
 #include "kernel/kernel_dialect.h"
 #include "kernel/xfrm_algo_attrs.h"
+#include "kernel/xfrm_body_fields.h"
 
 namespace cpa {
 namespace {
 
-constexpr uint32_t kAnyAlgorithm = 0xFFFFFFFF;
-
-xfrm_usersa_info_64 sa_body(const kestrix_ce_cipher_list_t& sa_info, uint32_t reqid,
-                            int g_replay_window_size) {
-  const kestrix_ce_cipher_info& ci = sa_info.ce_cipher;
-  xfrm_usersa_info_64 sa{};
-  sa.lft.soft_byte_limit = kXfrmInfinity;
-  sa.lft.hard_byte_limit = kXfrmInfinity;
-  sa.lft.soft_packet_limit = kXfrmInfinity;
-  sa.lft.hard_packet_limit = kXfrmInfinity;
-  sa.lft.soft_add_expires_seconds = ci.soft_time_lifetime;
-  sa.lft.hard_add_expires_seconds = ci.hard_time_lifetime;
-  sa.sel.family = AF_INET;  // any traffic: the policy does the selecting
-  sa.family = AF_INET;
-  sa.saddr.a4 = htonl(ci.source.ip_address);
-  sa.id.daddr.a4 = htonl(ci.dest.ip_address);
-  if (ci.esp_used) {
-    sa.id.spi = htonl(ci.esp_spi);
-    sa.id.proto = kIpProtoEsp;
-  } else if (ci.ah_used) {
-    sa.id.spi = htonl(ci.ah_spi);
-    sa.id.proto = kIpProtoAh;
-  }
-  sa.mode = static_cast<uint8_t>(ci.mode);
-  sa.reqid = reqid;
-  sa.replay_window = ci.antireplay_window_size == kAntiReplayDisabled
-                         ? 0
-                         : static_cast<uint8_t>(g_replay_window_size);
-  return sa;
-}
-
-xfrm_selector selector(const XfrmPolicyArgs& p) {
-  xfrm_selector sel{};
-  sel.daddr.a4 = htonl(p.dst);
-  sel.saddr.a4 = htonl(p.src);
-  sel.dport = htons(p.dport);
-  sel.sport = htons(p.sport);
-  sel.dport_mask = 0xffff;
-  sel.sport_mask = 0xffff;
-  sel.family = p.family;
-  sel.prefixlen_d = static_cast<uint8_t>(p.dmask);
-  sel.prefixlen_s = static_cast<uint8_t>(p.smask);
-  sel.proto = p.proto;
-  return sel;
-}
-
 // The platform's tunnel device adds the outer header, so its templates
 // carry no endpoints.
-xfrm_user_tmpl policy_template(const XfrmPolicyArgs& p) {
-  xfrm_user_tmpl tmpl{};
-  tmpl.id.proto = p.sec_protocol;
-  tmpl.family = AF_INET;
-  tmpl.reqid = p.reqid;
-  tmpl.mode = p.tun_mode;
-  tmpl.aalgos = kAnyAlgorithm;
-  tmpl.ealgos = kAnyAlgorithm;
-  tmpl.calgos = kAnyAlgorithm;
-  return tmpl;
-}
+xfrm_user_tmpl policy_template(const XfrmPolicyArgs& p) { return sa_template<xfrm_user_tmpl>(p); }
 
 template <class Body>
 constexpr PolicyEventBody policy_body(uint16_t type, size_t pol_at = 0) {
@@ -83,11 +28,17 @@ constexpr PolicyEventBody kPolicyBodies[] = {
     policy_body<xfrm_user_polexpire_64>(XFRM_MSG_POLEXPIRE, offsetof(xfrm_user_polexpire_64, pol)),
 };
 
+// Ports always under a full mask, as the platform kernel expects.
+xfrm_selector selector(const XfrmPolicyArgs& p) {
+  return policy_selector<xfrm_selector>(p, 0xffff, 0xffff);
+}
+
 class PlatformDialect final : public KernelDialect {
  public:
   bool build_sa_add(NetlinkTransport& nl, const kestrix_ce_cipher_list_t& sa_info, uint32_t tunid,
                     uint32_t reqid, int replay_window) const override {
-    const xfrm_usersa_info_64 sa = sa_body(sa_info, reqid, replay_window);
+    xfrm_usersa_info_64 sa{};
+    fill_sa_info(sa, sa_info, reqid, replay_window);
     nl.begin_request(XFRM_MSG_NEWSA, nl.port_id(), &sa, sizeof sa);
     const uint32_t svti = nl.get_svtiindex(tunid);
     cpa_log(LOG_DEBUG, "svti %d tunid %d", svti, tunid);
@@ -110,10 +61,7 @@ class PlatformDialect final : public KernelDialect {
                         const XfrmPolicyArgs& policy) const override {
     xfrm_userpolicy_info_64 info{};
     info.sel = selector(policy);
-    info.lft.soft_byte_limit = kXfrmInfinity;
-    info.lft.hard_byte_limit = kXfrmInfinity;
-    info.lft.soft_packet_limit = kXfrmInfinity;
-    info.lft.hard_packet_limit = kXfrmInfinity;
+    set_unlimited(info.lft);
     info.dir = policy.dir;
     info.action = policy.action;
     nl.begin_request(update ? XFRM_MSG_UPDPOLICY : XFRM_MSG_NEWPOLICY, nl.port_id(), &info,

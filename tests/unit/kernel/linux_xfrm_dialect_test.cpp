@@ -13,6 +13,7 @@
 #include "kernel/netlink_listener.h"
 #include "kernel/xfrm_policy.h"
 #include "kernel/xfrm_sa.h"
+#include "support/xfrm_fixtures.h"
 
 namespace cpa::test {
 namespace {
@@ -61,19 +62,7 @@ Message message(uint16_t type, uint32_t pid, const Body& body, std::initializer_
 }
 
 XfrmPolicyArgs tunnel_policy() {
-  XfrmPolicyArgs p;
-  p.src = 0x0a000001;
-  p.smask = 24;
-  p.dst = 0xc0a80102;
-  p.dmask = 32;
-  p.sport = 500;
-  p.dport = 4500;
-  p.dir = 1;
-  p.proto = 17;
-  p.action = 1;
-  p.tunnelid = 7;
-  p.reqid = 3;
-  p.tun_mode = 1;
+  XfrmPolicyArgs p = outbound_ace();
   p.tmpl_src = 0x01020304;
   p.tmpl_dst = 0x05060708;
   return p;
@@ -93,28 +82,12 @@ XfrmPolicyArgs tunnel_policy() {
   return sel;
 }
 
-void aes_sha1_tunnel_sa(kestrix_ce_cipher_list_t& sa) {
-  sa.ce_cipher.esp_used = 1;
-  sa.ce_cipher.esp_cipher = KESTRIX_CE_AES;
-  sa.ce_cipher.esp_mac = KESTRIX_CE_HMAC_SHA1;
-  sa.ce_cipher.esp_spi = 0x1234;
-  sa.ce_cipher.source.ip_address = 0x01020304;
-  sa.ce_cipher.dest.ip_address = 0x05060708;
-  sa.ce_cipher.mode = CE_TUNNEL;
-  sa.ce_cipher.soft_time_lifetime = 100;
-  sa.ce_cipher.hard_time_lifetime = 200;
-  sa.esp_key_info.len = 16;
-  sa.esp_mac_key_info.len = 20;
-  std::memset(sa.esp_key_info.data, 0xAA, 16);
-  std::memset(sa.esp_mac_key_info.data, 0xBB, 20);
-}
-
 template <class Algo>
-Message algo(const char* name, size_t key_len, uint8_t fill) {
+Message algo(const char* name, size_t key_len, uint8_t first) {
   Algo a{};
   std::strcpy(a.alg_name, name);
   a.alg_key_len = static_cast<uint32_t>(key_len * 8);
-  return Bytes().host(a).append(Message(key_len, fill));
+  return Bytes().host(a).ramp(first, key_len);
 }
 
 Message if_id(uint32_t id) { return attr(XFRMA_IF_ID, Bytes().h32(id)); }
@@ -129,7 +102,7 @@ TEST(LinuxXfrmMessages, AreTheKernelsOwnStructsWithTheInterfaceId) {
   policy.action = 1;
   ::xfrm_user_tmpl tmpl{};
   tmpl.id.daddr.a4 = htonl(0x05060708);
-  tmpl.id.proto = IPPROTO_ESP;
+  tmpl.id.proto = IPPROTO_AH;
   tmpl.family = AF_INET;
   tmpl.saddr.a4 = htonl(0x01020304);
   tmpl.reqid = 3;
@@ -140,13 +113,13 @@ TEST(LinuxXfrmMessages, AreTheKernelsOwnStructsWithTheInterfaceId) {
   policy_id.dir = 1;
   ::xfrm_usersa_info sa{};
   sa.sel.family = AF_INET;
-  sa.id.daddr.a4 = htonl(0x05060708);
-  sa.id.spi = htonl(0x1234);
+  sa.id.daddr.a4 = htonl(0x0a000002);
+  sa.id.spi = htonl(0x1234abcd);
   sa.id.proto = IPPROTO_ESP;
-  sa.saddr.a4 = htonl(0x01020304);
+  sa.saddr.a4 = htonl(0x0a000001);
   sa.lft = policy.lft;
-  sa.lft.soft_add_expires_seconds = 100;
-  sa.lft.hard_add_expires_seconds = 200;
+  sa.lft.soft_add_expires_seconds = 3000;
+  sa.lft.hard_add_expires_seconds = 3600;
   sa.reqid = 3;
   sa.family = AF_INET;
   sa.mode = 1;
@@ -157,7 +130,7 @@ TEST(LinuxXfrmMessages, AreTheKernelsOwnStructsWithTheInterfaceId) {
   sa_id.family = AF_INET;
   sa_id.proto = IPPROTO_ESP;
   kestrix_ce_cipher_list_t record;
-  aes_sha1_tunnel_sa(record);
+  aes_sha1(record);
 
   const struct {
     const char* what;
@@ -170,8 +143,8 @@ TEST(LinuxXfrmMessages, AreTheKernelsOwnStructsWithTheInterfaceId) {
        message(XFRM_MSG_DELPOLICY, pid, policy_id, {if_id(7)})},
       {"SA add", [&](NetlinkTransport& nl) { return kestrix_nlink_sa_add(nl, record, 7, 3, nullptr, 64); },
        message(XFRM_MSG_NEWSA, pid, sa,
-               {if_id(7), attr(XFRMA_ALG_CRYPT, algo<::xfrm_algo>("cbc(aes)", 16, 0xAA)),
-                attr(XFRMA_ALG_AUTH, algo<::xfrm_algo>("hmac(sha1)", 20, 0xBB))})},
+               {if_id(7), attr(XFRMA_ALG_CRYPT, algo<::xfrm_algo>("cbc(aes)", 16, 0x10)),
+                attr(XFRMA_ALG_AUTH, algo<::xfrm_algo>("hmac(sha1)", 20, 0x40))})},
       {"SA get", [](NetlinkTransport& nl) {
          kestrix_addr dst{};
          dst.ip_address = 0x05060708;
