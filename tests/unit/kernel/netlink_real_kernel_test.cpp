@@ -122,6 +122,7 @@ TEST(RealKernel, LinuxModeInstallsAclPoliciesWithTheInterfaceIdAndRemovesExactly
         action_record(KESTRIX_PAL_OUT_ACTION, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, Bytes().be32(0x77))};
     t.deliver(acl_request(2, install, 0x11, slot));
     drain_events(t.agent, monitor.get());
+    EXPECT_NE(t.agent.tunnels.at(slot)->head_policy.head()->ace_entry.head()->k_index, 0);
     // Two ACEs: outbound, inbound and forward policies of each, on interface
     // 5, a port of 0 matching any port.
     const auto installed = lines_of("ip -o xfrm policy");
