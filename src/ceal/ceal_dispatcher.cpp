@@ -5,6 +5,7 @@
 #include <cstring>
 #include <vector>
 
+#include "ceal/stats_queries.h"
 #include "diag/log.h"
 #include "wire/cp_dp_msg.h"
 
@@ -33,9 +34,9 @@ struct CealApi {
 using C = cpa_ceal_ctr_t;
 const CealApi kCealApis[] = {
     {281, &C::c_create_key_req, not_yet_supported<4, 10>},    // CREATE_KEY_BY_KEYS
-    {22, &C::c_flow_stats_req, not_yet_supported<8, 18>},     // FLOW_STATS
-    {36, &C::c_sadb_stats_req, not_yet_supported<10, 0>},     // IVRF_SADB_STATS
-    {128, &C::c_global_stats_req, not_yet_supported<10, 0>},  // IVRF_GLOBAL_STATS
+    {22, &C::c_flow_stats_req, kestrix_ceal_flow_stats},       // FLOW_STATS
+    {36, &C::c_sadb_stats_req, kestrix_ceal_sadb_stats},       // IVRF_SADB_STATS
+    {128, &C::c_global_stats_req, kestrix_ceal_global_stats},  // IVRF_GLOBAL_STATS
     {14, &C::c_delete_key_req, not_yet_supported<4, 10>},     // DELETE_FLOW
 };
 

@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "ceal/fastpath_stats.h"
 #include "daemon/agent.h"
 #include "daemon/options.h"
 #include "daemon/signals.h"
@@ -194,9 +193,8 @@ int run_agent(int argc, char* argv[]) {
   ShellCommandRunner commands;
   RpLink rp(sockets.g_sd.get());
   KernelNetDeviceSysCalls devices;
-  FastPathStats fastpath;
-  fastpath.kestrix_stats_sharedmem_init();
   Agent agent(opts->settings, AgentSeams{clock, commands, rp, devices});
+  agent.fastpath.kestrix_stats_sharedmem_init();
   agent.nlink.attach(std::move(sockets.nlsock_fd));
   agent.tunnels.init_sadb();
   bind_display_flag(&agent.shared.g_display_ctr);
