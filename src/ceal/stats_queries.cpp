@@ -8,6 +8,7 @@
 #include <unordered_map>
 
 #include "ceal/ceal_dispatcher.h"
+#include "ceal/kernel_sa_stats.h"
 #include "diag/log.h"
 #include "wire/ceal_stats.h"
 
@@ -64,17 +65,32 @@ class FlowSaSearch {
   Found out_;
 };
 
+// The SA of a flow; its absence is logged.
+const FastPathSaKey* flow_sa(const FlowSaSearch& search, uint32_t flow_id, uint32_t is_inbound) {
+  const FastPathSaKey* sa = search.found(flow_id, is_inbound != 0);
+  if (!sa)
+    cpa_log(LOG_ERR, "ERROR: flow_id %d is not found in cpa_pal_info             database ",
+            static_cast<int>(flow_id));
+  return sa;
+}
+
+bool linux_mode(const Agent& agent) { return agent.settings.kernel_flavour == KernelFlavour::kLinux; }
+
+// A stock kernel keeps the counters of its own SAs.
+void fill_flow_stats_from_kernel(Agent& agent, const FlowSaSearch& search, uint32_t flow_id,
+                                 uint32_t is_inbound, uint8_t* stats) {
+  const FastPathSaKey* sa = flow_sa(search, flow_id, is_inbound);
+  if (!sa) return;
+  kestrix_kernel_flow_counters(agent.nlink, sa->spi, sa->dst, sa->proto, is_inbound != 0, stats);
+}
+
 void fill_flow_stats(const FastPathStats& fastpath, const FlowSaSearch& search, uint32_t flow_id,
                      uint32_t is_inbound, uint8_t* stats) {
   if (!fastpath.fp_shared()) {
     cpa_log(LOG_ERR, "ERROR: fp_shared is  NULL !!");
     return;
   }
-  const FastPathSaKey* sa = search.found(flow_id, is_inbound != 0);
-  if (!sa) {
-    cpa_log(LOG_ERR, "ERROR: flow_id %d is not found in cpa_pal_info             database ",
-            static_cast<int>(flow_id));
-  }
+  const FastPathSaKey* sa = flow_sa(search, flow_id, is_inbound);
   const uint8_t* entry = sa ? fastpath.kestrix_stats_sad_in_lookup(sa->spi, sa->dst, sa->proto) : nullptr;
   if (!entry) {
     cpa_log(LOG_ERR, " ERROR: sa_entry is not found for flow_id %d                is_inbound %d",
@@ -89,10 +105,11 @@ kestrix_flow_stats_hdle_struct flow_handle(ReceivedBytes handles, size_t i) {
   return *handles.read<kestrix_flow_stats_hdle_struct>(i * sizeof(kestrix_flow_stats_hdle_struct));
 }
 
-// The SAs of the first `answered` flows; none are looked for without a segment.
+// The SAs of the first `answered` flows; none are looked for without a
+// segment, unless the kernel keeps the counters (linux mode).
 FlowSaSearch find_flow_sas(const Agent& agent, ReceivedBytes handles, size_t answered) {
   FlowSaSearch search;
-  if (!agent.fastpath.fp_shared()) return search;
+  if (!agent.fastpath.fp_shared() && !linux_mode(agent)) return search;
   for (size_t i = 0; i < answered; ++i) {
     const kestrix_flow_stats_hdle_struct handle = flow_handle(handles, i);
     search.want(ntohl(handle.flow_id), handle.is_inbound != 0);
@@ -128,7 +145,12 @@ int kestrix_ceal_flow_stats(Agent& agent, ReceivedBytes msg, std::vector<uint8_t
     const kestrix_flow_stats_hdle_struct handle = flow_handle(handles, i);
     uint8_t* flow = response.data() + kFlowStatsResponseHead + i * kFlowStatsPerFlow;
     std::memcpy(flow, &handle, sizeof handle);
-    fill_flow_stats(agent.fastpath, search, ntohl(handle.flow_id), ntohl(handle.is_inbound), flow + sizeof handle);
+    if (linux_mode(agent))
+      fill_flow_stats_from_kernel(agent, search, ntohl(handle.flow_id), ntohl(handle.is_inbound),
+                                  flow + sizeof handle);
+    else
+      fill_flow_stats(agent.fastpath, search, ntohl(handle.flow_id), ntohl(handle.is_inbound),
+                      flow + sizeof handle);
   }
   const uint32_t status = htonl(CRYPTO_NO_ERR);
   std::memcpy(response.data() + kFlowStatsStatus, &status, sizeof status);
@@ -146,7 +168,10 @@ int kestrix_ceal_sadb_stats(Agent&, ReceivedBytes msg, std::vector<uint8_t>& res
 int kestrix_ceal_global_stats(Agent& agent, ReceivedBytes msg, std::vector<uint8_t>& response) {
   cpa_log(LOG_DEBUG, "KESTRIX_CEAL_CE_IVRF_GLOBAL_STATS::");
   echo_ivrf_request(msg, response);
-  agent.fastpath.kestrix_stats_get_global_sa_counters(response.data() + kGlobalStatsAt);
+  if (linux_mode(agent))
+    kestrix_kernel_global_counters(agent.nlink, agent.tunnels, response.data() + kGlobalStatsAt);
+  else
+    agent.fastpath.kestrix_stats_get_global_sa_counters(response.data() + kGlobalStatsAt);
   cpa_log(LOG_DEBUG, "KESTRIX_CEAL_CE_IVRF_GLOBAL_STATS::END");
   return 0;
 }

@@ -13,6 +13,7 @@
 #include "kernel/policy_events.h"
 #include "pal/rp_link.h"
 #include "pal/tunnel_policy_events.h"
+#include "platform/kernel_flavour.h"
 #include "platform/system_ports.h"
 #include "state/cipher_record.h"
 #include "state/peer_table.h"
@@ -23,6 +24,7 @@ namespace cpa {
 struct AgentSettings {
   int g_unit_test_on = 0;         // -u
   int g_replay_window_size = 0;   // -r: 32 or 64; 0 when not given
+  KernelFlavour kernel_flavour = KernelFlavour::kPlatform;  // -k
 };
 
 struct AgentSeams {
@@ -34,7 +36,7 @@ struct AgentSeams {
 
 struct Agent {
   Agent(AgentSettings s, AgentSeams seams)
-      : settings(s), sys(seams), trace(seams.clock), nlink(seams.devices) {}
+      : settings(s), sys(seams), trace(seams.clock), nlink(seams.devices, s.kernel_flavour) {}
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 

@@ -25,6 +25,7 @@
 #include "pal/pal_dispatcher.h"
 #include "pal/rp_link.h"
 #include "platform/scoped_fd.h"
+#include "wire/xfrm_platform.h"
 
 namespace cpa {
 namespace {
@@ -32,6 +33,13 @@ namespace {
 constexpr size_t kReceiveBufferSize = 2048;
 constexpr int kRequestSocketBuffer = 0x200000;
 constexpr uint32_t kPolicyEventGroups = 8;
+
+// A stock kernel sends acquires to their own group only; the platform keeps
+// its policy-group mask.
+uint32_t monitor_groups(KernelFlavour flavour) {
+  return flavour == KernelFlavour::kLinux ? kPolicyEventGroups | kXfrmGroupAcquire
+                                          : kPolicyEventGroups;
+}
 
 struct DaemonSockets {
   ScopedFd g_sd;        // UDP requests
@@ -174,13 +182,15 @@ int run_agent(int argc, char* argv[]) {
   cpa_log(LOG_INFO, "THIS IS THE START POINT");
   cpa_log(LOG_DEBUG, "Coming up fresh with PID: %d", getpid());
   cpa_log(LOG_DEBUG, "Replay window size is %d\n", opts->settings.g_replay_window_size);
+  cpa_log(LOG_INFO, "Kernel flavour: %s", flavour_name(opts->settings.kernel_flavour));
 
   DaemonSockets sockets = open_sockets();
   ArpPort arp(sockets.g_arp_sd.get());
   arp.bind_arp_socket(kArpInterface);
   sockets.nlsock_fd = netlink_or_exit(0);
-  cpa_log(LOG_DEBUG, "nl_grps 0x%x", kPolicyEventGroups);
-  sockets.nlmon_fd = netlink_or_exit(kPolicyEventGroups);
+  const uint32_t groups = monitor_groups(opts->settings.kernel_flavour);
+  cpa_log(LOG_DEBUG, "nl_grps 0x%x", groups);
+  sockets.nlmon_fd = netlink_or_exit(groups);
   cpa_log(LOG_DEBUG, "ike_proxy netink fd %d", sockets.nlmon_fd.get());
   bind_request_socket(sockets.g_sd.get());
 

@@ -3,15 +3,30 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 
 namespace cpa {
+namespace {
+
+std::nullopt_t usage(FILE* out, const char* program) {
+  std::fprintf(out, "\nUsage: %s -d <DEBUG LVL>\nDEBUG LVL: 0-7\n", program);
+  return std::nullopt;
+}
+
+std::optional<KernelFlavour> parse_flavour(const char* name) {
+  if (std::strcmp(name, "platform") == 0) return KernelFlavour::kPlatform;
+  if (std::strcmp(name, "linux") == 0) return KernelFlavour::kLinux;
+  return std::nullopt;
+}
+
+}  // namespace
 
 std::optional<Options> parse_options(int argc, char* const argv[], FILE* out) {
   Options opts;
   bool level_given = false;
   optind = 0;  // full re-initialisation, so that parsing can run more than once
   int opt;
-  while ((opt = getopt(argc, argv, "h?d:ur:")) != -1) {
+  while ((opt = getopt(argc, argv, "h?d:ur:k:")) != -1) {
     switch (opt) {
       case 'd': {
         unsigned level = 0;
@@ -39,9 +54,14 @@ std::optional<Options> parse_options(int argc, char* const argv[], FILE* out) {
         opts.settings.g_unit_test_on = 1;
         std::fputs("Enabling UT\n", out);
         break;
+      case 'k': {
+        const std::optional<KernelFlavour> flavour = parse_flavour(optarg);
+        if (!flavour) return usage(out, argv[0]);
+        opts.settings.kernel_flavour = *flavour;
+        break;
+      }
       default:
-        std::fprintf(out, "\nUsage: %s -d <DEBUG LVL>\nDEBUG LVL: 0-7\n", argv[0]);
-        return std::nullopt;
+        return usage(out, argv[0]);
     }
   }
   // A level above 7 (a negative entry included) is reported and stored, but

@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "diag/log.h"
+#include "kernel/kernel_dialect.h"
 #include "kernel/netlink_transport.h"
 #include "wire/xfrm_platform.h"
 
@@ -49,28 +50,6 @@ const EventEntry kEvents[] = {
     {XFRM_MSG_REPORT, "XFRM_MSG_REPORT:", log_only},
 };
 
-// Where a policy message keeps its kernel index and direction. Only new
-// policies reach the listener's handler; deletions and expiries are read the
-// same way from their own bodies.
-struct PolicyBody {
-  uint16_t type;
-  size_t size;
-  size_t index_at;
-  size_t dir_at;
-};
-
-constexpr PolicyBody kPolicyBodies[] = {
-    {XFRM_MSG_NEWPOLICY, sizeof(xfrm_userpolicy_info_64), offsetof(xfrm_userpolicy_info_64, index),
-     offsetof(xfrm_userpolicy_info_64, dir)},
-    {XFRM_MSG_UPDPOLICY, sizeof(xfrm_userpolicy_info_64), offsetof(xfrm_userpolicy_info_64, index),
-     offsetof(xfrm_userpolicy_info_64, dir)},
-    {XFRM_MSG_DELPOLICY, sizeof(xfrm_userpolicy_id), offsetof(xfrm_userpolicy_id, index),
-     offsetof(xfrm_userpolicy_id, dir)},
-    {XFRM_MSG_POLEXPIRE, sizeof(xfrm_user_polexpire_64),
-     offsetof(xfrm_user_polexpire_64, pol) + offsetof(xfrm_userpolicy_info_64, index),
-     offsetof(xfrm_user_polexpire_64, pol) + offsetof(xfrm_userpolicy_info_64, dir)},
-};
-
 uint16_t type_of(ReceivedBytes msg) { return msg.read_padded<nlmsghdr>(0)->nlmsg_type; }
 
 // The tunnel named by the request id of the template among the attributes
@@ -95,9 +74,11 @@ std::optional<uint32_t> tunnel_of_template(const Agent& agent, ReceivedBytes msg
 }  // namespace
 
 int kestrix_nlink_proc_policy(Agent& agent, ReceivedBytes msg) {
+  // Only new policies reach this from the listener; deletions and expiries
+  // are read the same way from their own bodies.
   const uint16_t type = type_of(msg);
-  const PolicyBody* body = nullptr;
-  for (const PolicyBody& b : kPolicyBodies)
+  const PolicyEventBody* body = nullptr;
+  for (const PolicyEventBody& b : dialect_of(agent.nlink).policy_events())
     if (b.type == type) body = &b;
   if (!body) {
     cpa_log(LOG_ERR, "Wrong message, not a policy");
@@ -115,11 +96,12 @@ int kestrix_nlink_proc_acquire(Agent& agent, ReceivedBytes msg) {
     cpa_log(LOG_ERR, "Wrong msg, not acquire!");
     return 1;
   }
-  const auto tunnel = tunnel_of_template(agent, msg, sizeof(xfrm_user_acquire_64),
+  const KernelDialect& dialect = dialect_of(agent.nlink);
+  const auto tunnel = tunnel_of_template(agent, msg, dialect.acquire_size(),
                                          "Process an acquire notification ERROR");
   if (!tunnel) return 1;
-  const auto acq = msg.read_padded<xfrm_user_acquire_64>(kHeaderSize);
-  return agent.policy_events->kestrix_notify_rp(&acq.value, *tunnel);
+  const xfrm_user_acquire_64 acq = dialect.acquire(msg.slice(kHeaderSize));
+  return agent.policy_events->kestrix_notify_rp(&acq, *tunnel);
 }
 
 int kestrix_nlink_process_msg(Agent& agent, ReceivedBytes msg) {

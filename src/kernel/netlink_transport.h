@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "diag/counters.h"
+#include "platform/kernel_flavour.h"
 #include "platform/scoped_fd.h"
 #include "platform/system_ports.h"
 #include "wire/received_bytes.h"
@@ -22,13 +23,17 @@ using net_buf = std::array<uint8_t, kNetBufSize>;
 
 class NetlinkTransport {
  public:
-  explicit NetlinkTransport(NetDeviceSysCalls& devices);
+  explicit NetlinkTransport(NetDeviceSysCalls& devices,
+                            KernelFlavour flavour = KernelFlavour::kPlatform);
   NetlinkTransport(const NetlinkTransport&) = delete;
   NetlinkTransport& operator=(const NetlinkTransport&) = delete;
 
   // Hands over the request socket (a NETLINK_XFRM socket bound to no group).
   void attach(ScopedFd nlsock_fd) { nlsock_fd_ = std::move(nlsock_fd); }
   int nlsock_fd() const { return nlsock_fd_.get(); }
+
+  // The kernel the requests are built for.
+  KernelFlavour flavour() const { return flavour_; }
 
   // The one request buffer; each builder clears and fills it.
   net_buf& req() { return req_; }
@@ -61,6 +66,7 @@ class NetlinkTransport {
   int answer_status(ReceivedBytes got);
 
   NetDeviceSysCalls& devices_;
+  KernelFlavour flavour_;
   ScopedFd nlsock_fd_;
   uint32_t g_seq_ = 1;
   uint32_t port_id_;

@@ -70,7 +70,7 @@ ce_status_t kestrix_intf_svti_create_attach(Agent& agent,
   }
   const uint32_t tunnel_id = ntohl(sadb_att_req.tunnel_id);
   const std::string ifname = kestrix_tunid_to_ifname(tunnel_id);
-  if (svti_add(agent.sys.devices, ifname.c_str()) != 0) {
+  if (svti_add(agent.sys.devices, ifname.c_str(), agent.settings.kernel_flavour) != 0) {
     cpa_log(LOG_ERR, "ERROR: svti [%s] add failed", ifname.c_str());
     return CRYPTO_ERR_RESOURCES;
   }
@@ -86,7 +86,7 @@ ce_status_t kestrix_intf_svti_del(Agent& agent, uint32_t tunnel_id) {
     return CRYPTO_ERR_INVALID;
   }
   const std::string ifname = kestrix_tunid_to_ifname(tunnel_id);
-  if (svti_del(agent.sys.devices, ifname.c_str()) != 0) {
+  if (svti_del(agent.sys.devices, ifname.c_str(), agent.settings.kernel_flavour) != 0) {
     cpa_log(LOG_ERR, " invalid svti interface ");
     return CRYPTO_ERR_INVALID;
   }

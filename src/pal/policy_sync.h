@@ -14,8 +14,20 @@
 
 namespace cpa {
 
+// The template of a tunnel's kernel policies: mode (0 transport, 1 tunnel),
+// IPsec protocol, and in tunnel mode the outer addresses seen from this host
+// (host order; 0 otherwise). The platform reads mode and protocol only.
+struct PolicyTemplate {
+  uint8_t mode = 0;
+  uint8_t protocol = kIpProtoEsp;
+  uint32_t local = 0;
+  uint32_t remote = 0;
+  bool operator==(const PolicyTemplate&) const = default;
+};
+
 // Installs the kernel policies of every ACE of a new policy (transport mode,
-// ESP, bound to tunnel `tunnid`'s device and request id `reqid`) and puts
+// ESP, or in linux mode the template of the tunnel's outbound SAs; bound to
+// tunnel `tunnid`'s device and request id `reqid`) and puts
 // the inbound twins at the head of its ACE list. `update` 0 adds, non-zero
 // replaces. At the first failing ACE only that ACE's outbound policy is
 // taken back; the kernel policies of the ACEs before it stay.
@@ -33,11 +45,31 @@ ce_status_t kestrix_nl_policy_delete(Agent& agent, uint32_t cpa_indx);
 // Re-programs every kernel policy of the tunnel's newest policy with the
 // negotiated mode (0 transport, 1 tunnel) and IPsec protocol. 0 on success,
 // else the first failing kernel result (or 1 when there is nothing to do).
+// Nothing to do in linux mode, where the policies follow the SAs instead.
 int kestrix_upd_policies(Agent& agent, const cpa_interface_t* cpa_elem, uint8_t tunn_mode,
                          uint8_t ah_proto);
+// The same with a whole template, endpoints included.
+int kestrix_upd_policies(Agent& agent, const cpa_interface_t* cpa_elem, const PolicyTemplate& tmpl);
+
+// The template that resolves to the SA of this cipher record.
+PolicyTemplate sa_policy_template(const kestrix_ce_cipher_info& ci);
+
+// Linux mode: a stock kernel resolves a policy only to SAs of its template's
+// protocol and mode (and, in tunnel mode, endpoints). When the outbound SA
+// of `sa_info` wants another template than the tunnel's policies carry (the
+// tunnel's other outbound SAs', or transport and ESP before the first), the
+// policies are re-programmed from it. Later ACLs of the tunnel are installed
+// with its outbound SAs' template. 0 when nothing was needed (always on the
+// platform, for inbound SAs, and for a tunnel without policies) or the
+// re-programming succeeded, else its result. kestrix_nl_sa_add calls it for
+// every SA the kernel took.
+int kestrix_policies_follow_sa(Agent& agent, const cpa_interface_t* tunnel,
+                               const kestrix_ce_cipher_list_t& sa_info);
 
 // Hands one cipher record to the kernel SA builder. 0 when the kernel took
-// the SA (or there was no record: nothing is sent), non-zero otherwise.
+// the SA (or there was no record: nothing is sent), non-zero otherwise. In
+// linux mode the tunnel's policies then follow an outbound SA (see
+// kestrix_policies_follow_sa); a failure there is this call's result.
 int kestrix_nl_sa_add(Agent& agent, const kestrix_ce_cipher_list_t* sa_info, uint32_t tunnid,
                       uint32_t reqid, cpa_netlink_ctr_t* sptr);
 

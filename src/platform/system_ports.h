@@ -4,6 +4,8 @@
 
 #include <time.h>
 
+#include <cstddef>
+
 namespace cpa {
 
 class Clock {
@@ -34,7 +36,7 @@ struct SysCallResult {
 };
 
 // The system calls behind the tunnel devices: the descriptors opened for
-// ioctls, the ioctls, and the closes.
+// ioctls, the ioctls, and the closes; and the link requests over rtnetlink.
 class NetDeviceSysCalls {
  public:
   virtual ~NetDeviceSysCalls() = default;
@@ -42,6 +44,9 @@ class NetDeviceSysCalls {
   virtual SysCallResult open(const char* path, int flags) = 0;
   virtual SysCallResult ioctl(int fd, unsigned long request, void* arg) = 0;
   virtual SysCallResult close(int fd) = 0;
+  // Sends one NETLINK_ROUTE request (a whole message, header first) and
+  // waits for the kernel's acknowledgement: rc 0, or -1 with its error.
+  virtual SysCallResult route_request(const void* msg, size_t len) = 0;
 };
 
 // A descriptor opened through a NetDeviceSysCalls, closed through it on every path.
@@ -84,6 +89,7 @@ class KernelNetDeviceSysCalls final : public NetDeviceSysCalls {
   SysCallResult open(const char* path, int flags) override;
   SysCallResult ioctl(int fd, unsigned long request, void* arg) override;
   SysCallResult close(int fd) override;
+  SysCallResult route_request(const void* msg, size_t len) override;
 };
 
 }  // namespace cpa

@@ -12,8 +12,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "diag/log.h"
+#include "platform/link_requests.h"
 #include "wire/ip_tunnel_parm.h"
 
 namespace cpa {
@@ -117,11 +119,47 @@ int delete_tunnel(NetDeviceSysCalls& sys, int s, const char* ifname) {
   return stock_kernel ? standin_delete(sys, s, ifname) : r.error;
 }
 
-bool delete_stale(NetDeviceSysCalls& sys, const char* ifname) {
+// ---- linux mode: an xfrm interface over rtnetlink ------------------------
+
+int route_request(NetDeviceSysCalls& sys, const std::vector<uint8_t>& msg) {
+  const SysCallResult r = sys.route_request(msg.data(), msg.size());
+  return r.rc < 0 ? r.error : 0;
+}
+
+// The interface id is the tunnel id, which the SAs and policies carry.
+int add_xfrm_interface(NetDeviceSysCalls& sys, int, const char* ifname) {
+  const int tunnel_id = kestrix_ifname_to_tunid(ifname);
+  const int error = route_request(
+      sys, new_xfrm_interface_request(ifname, static_cast<uint32_t>(tunnel_id < 0 ? 0 : tunnel_id)));
+  // An unknown link kind: the kernel was built without xfrm interfaces.
+  if (error == EOPNOTSUPP)
+    cpa_log(LOG_ERR, "%s: the kernel has no xfrm interfaces (CONFIG_XFRM_INTERFACE, module xfrm_interface)",
+            ifname);
+  return error;
+}
+
+int delete_link(NetDeviceSysCalls& sys, int, const char* ifname) {
+  return route_request(sys, delete_link_request(ifname));
+}
+
+// How each kernel makes and removes the devices; each returns 0 or an errno.
+struct DeviceOps {
+  int (*create)(NetDeviceSysCalls& sys, int s, const char* ifname);
+  int (*remove)(NetDeviceSysCalls& sys, int s, const char* ifname);
+  const char* failure;  // logged with the device and the error text
+};
+
+const DeviceOps& device_ops(KernelFlavour flavour) {
+  static constexpr DeviceOps kPlatform{add_tunnel, delete_tunnel, "ioctl : %s- %s"};
+  static constexpr DeviceOps kLinux{add_xfrm_interface, delete_link, "rtnetlink : %s- %s"};
+  return flavour == KernelFlavour::kLinux ? kLinux : kPlatform;
+}
+
+bool delete_stale(NetDeviceSysCalls& sys, const char* ifname, KernelFlavour flavour) {
   cpa_log(LOG_INFO, "SVTI interface %s, tunnelId %d already exists", ifname,
           kestrix_ifname_to_tunid(ifname));
   cpa_log(LOG_INFO, "Deleting stale SVTI interface %s", ifname);
-  if (svti_del(sys, ifname) != 0) return false;
+  if (svti_del(sys, ifname, flavour) != 0) return false;
   cpa_log(LOG_DEBUG, "---svti deleted [%s]", ifname);
   cpa_log(LOG_INFO, "ReCreating SVTI interface %s", ifname);
   return true;
@@ -143,18 +181,19 @@ int kestrix_ifname_to_tunid(const char* ifname) {
   return static_cast<int>(id);
 }
 
-int svti_add(NetDeviceSysCalls& sys, const char* ifname) {
+int svti_add(NetDeviceSysCalls& sys, const char* ifname, KernelFlavour flavour) {
   if (!name_fits(ifname)) return 1;
   const SysCallFd s = ioctl_socket(sys);
   if (!s.valid()) return 1;
+  const DeviceOps& ops = device_ops(flavour);
   // A stale device is replaced once; should the new one collide again,
   // something else keeps creating it and the attach fails.
   for (bool replaced = false;; replaced = true) {
-    const int error = add_tunnel(sys, s.get(), ifname);
+    const int error = ops.create(sys, s.get(), ifname);
     if (error == 0) break;
-    cpa_log(LOG_ERR, "ioctl : %s- %s", ifname, std::strerror(error));
+    cpa_log(LOG_ERR, ops.failure, ifname, std::strerror(error));
     print_ioctl_error(error);
-    if (error != EEXIST || replaced || !delete_stale(sys, ifname)) {
+    if (error != EEXIST || replaced || !delete_stale(sys, ifname, flavour)) {
       cpa_log(LOG_ERR, "interface already exists");
       return 1;
     }
@@ -165,11 +204,11 @@ int svti_add(NetDeviceSysCalls& sys, const char* ifname) {
   return rc;
 }
 
-int svti_del(NetDeviceSysCalls& sys, const char* ifname) {
+int svti_del(NetDeviceSysCalls& sys, const char* ifname, KernelFlavour flavour) {
   if (!name_fits(ifname)) return 1;
   const SysCallFd s = ioctl_socket(sys);
   if (!s.valid()) return 1;
-  const int error = delete_tunnel(sys, s.get(), ifname);
+  const int error = device_ops(flavour).remove(sys, s.get(), ifname);
   if (error == 0) return 0;
   cpa_log(LOG_ERR, "ioctl: failed");
   print_ioctl_error(error);

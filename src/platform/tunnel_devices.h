@@ -2,12 +2,15 @@
 // and removed through the platform kernel's tunnel control device, and
 // brought up with the tunnel MTU. On a kernel without that control device a
 // persistent tun device of the same name stands in, so that the device still
-// exists, has an interface index and carries traffic settings.
+// exists, has an interface index and carries traffic settings. In linux mode
+// each is an xfrm interface whose interface id is the tunnel id, made and
+// removed over rtnetlink.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
+#include "platform/kernel_flavour.h"
 #include "platform/system_ports.h"
 
 namespace cpa {
@@ -24,10 +27,12 @@ int kestrix_ifname_to_tunid(const char* ifname);
 
 // Creates the device and brings it up; a device of that name left from an
 // earlier run is deleted and created again. 0 on success, 1 on failure.
-int svti_add(NetDeviceSysCalls& sys, const char* ifname);
+int svti_add(NetDeviceSysCalls& sys, const char* ifname,
+             KernelFlavour flavour = KernelFlavour::kPlatform);
 
 // Deletes the device. 0 on success, 1 on failure.
-int svti_del(NetDeviceSysCalls& sys, const char* ifname);
+int svti_del(NetDeviceSysCalls& sys, const char* ifname,
+             KernelFlavour flavour = KernelFlavour::kPlatform);
 
 // Sets the device's flags from `value` (a negative value clears the bits of
 // its magnitude, a positive one sets them) and its MTU to the tunnel MTU,

@@ -13,10 +13,17 @@ SEGMENT = "/dev/shm/fp-shared"
 SEGMENT_SIZE = 0x39BBDFC0
 
 
+def xfrm_sockets():
+    """(port id, group mask) of the NETLINK_XFRM sockets of this namespace but the kernel's."""
+    with open("/proc/net/netlink") as f:  # protocol 6 is NETLINK_XFRM; port id 0 the kernel's
+        rows = [line.split() for line in f.readlines()[1:]]
+    return [(int(r[2]) & 0xffffffff, int(r[3], 16)) for r in rows if r[1] == "6" and r[2] != "0"]
+
+
 class Options(AgentTestCase):
     def test_usage_exits_zero_before_any_socket(self):
-        for opt in ("-h", "-?", "-x"):
-            agent = self.start_agent("-u", opt, expect_running=False, wait_ready=False)
+        for opts in (("-h",), ("-?",), ("-x",), ("-k", "bsd")):
+            agent = self.start_agent("-u", *opts, expect_running=False, wait_ready=False)
             self.assertEqual(agent.wait_exit(), 0)
             self.assertEqual(agent.stdout(),
                              f"Enabling UT\n\nUsage: {agent.proc.args[0]} -d <DEBUG LVL>\nDEBUG LVL: 0-7\n")
@@ -58,6 +65,7 @@ class StartupSequence(AgentTestCase):
             (LOG_INFO, "THIS IS THE START POINT"),
             (LOG_DEBUG, f"Coming up fresh with PID: {agent.proc.pid}"),
             (LOG_DEBUG, "Replay window size is 0\n"),
+            (LOG_INFO, "Kernel flavour: platform"),
             (LOG_INFO, "socket() is OK"),
             (LOG_INFO, "ARP socket() is OK"),
             (LOG_DEBUG, "nl_grps 0x8"),
@@ -74,11 +82,16 @@ class StartupSequence(AgentTestCase):
 
     def test_request_socket_has_the_process_id_and_the_monitor_the_policy_group(self):
         agent = self.start_agent()
-        with open("/proc/net/netlink") as f:  # protocol 6 is NETLINK_XFRM; port id 0 the kernel's
-            rows = [line.split() for line in f.readlines()[1:]]
-        sockets = [(int(r[2]) & 0xffffffff, int(r[3], 16)) for r in rows if r[1] == "6" and r[2] != "0"]
+        sockets = xfrm_sockets()
         self.assertIn((agent.proc.pid, 0), sockets)
         self.assertEqual(sorted(groups for _, groups in sockets), [0, 8])
+
+    def test_linux_flavour_is_logged_and_its_monitor_joins_the_acquire_group(self):
+        commands = RecordedCommands("ip")
+        agent = self.start_agent("-u", "-k", "linux", env=commands.env)
+        self.assertEqual(agent.stdout(), "Enabling UT\n")
+        self.assertLogged(agent, "Kernel flavour: linux", LOG_INFO)
+        self.assertEqual(sorted(groups for _, groups in xfrm_sockets()), [0, 9])
 
     def test_a_taken_port_ends_the_start_up(self):
         for port, status, line in ((23456, 0, "bind() error reason: Address already in use"),

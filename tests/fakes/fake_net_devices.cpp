@@ -1,6 +1,9 @@
 #include "fakes/fake_net_devices.h"
 
+#include <linux/if_link.h>
 #include <linux/if_tun.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <netinet/in.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
@@ -19,7 +22,47 @@ std::string name_of(const char* field, size_t size) {
   return std::string(field, strnlen(field, size));
 }
 
+// The attributes from `offset` on, by type (the first of each), within `len`.
+std::map<uint16_t, std::string> attributes(const uint8_t* msg, size_t offset, size_t len) {
+  std::map<uint16_t, std::string> found;
+  while (offset + sizeof(rtattr) <= len) {
+    rtattr rta;
+    std::memcpy(&rta, msg + offset, sizeof rta);
+    if (rta.rta_len < sizeof rta || offset + rta.rta_len > len) break;
+    found.emplace(rta.rta_type, std::string(reinterpret_cast<const char*>(msg) + offset + sizeof rta,
+                                            rta.rta_len - sizeof rta));
+    offset += RTA_ALIGN(rta.rta_len);
+  }
+  return found;
+}
+
+std::map<uint16_t, std::string> nested(const std::string& payload) {
+  return attributes(reinterpret_cast<const uint8_t*>(payload.data()), 0, payload.size());
+}
+
 }  // namespace
+
+SysCallResult FakeNetDevices::route_request(const void* msg, size_t len) {
+  const auto* bytes = static_cast<const uint8_t*>(msg);
+  nlmsghdr header;
+  if (len < NLMSG_LENGTH(sizeof(ifinfomsg))) return failed(EINVAL);
+  std::memcpy(&header, bytes, sizeof header);
+  if (header.nlmsg_len != len) return failed(EINVAL);
+  route_requests.push_back(header.nlmsg_type);
+  auto attrs = attributes(bytes, NLMSG_LENGTH(sizeof(ifinfomsg)), len);
+  const std::string name = attrs[IFLA_IFNAME].c_str();  // sent with its terminating zero
+  if (header.nlmsg_type == RTM_DELLINK) return devices_.erase(name) ? ok() : failed(ENODEV);
+  if (header.nlmsg_type != RTM_NEWLINK) return failed(EOPNOTSUPP);
+  auto info = nested(attrs[IFLA_LINKINFO]);
+  if (std::string(info[IFLA_INFO_KIND].c_str()) != "xfrm" || !xfrm_interfaces) return failed(EOPNOTSUPP);
+  const std::string if_id = nested(info[IFLA_INFO_DATA])[IFLA_XFRM_IF_ID];
+  if (name.empty() || if_id.size() != sizeof(uint32_t)) return failed(EINVAL);
+  if (devices_.count(name)) return failed(EEXIST);
+  uint32_t id;
+  std::memcpy(&id, if_id.data(), sizeof id);
+  create(name, false).xfrm_if_id = id;
+  return ok();
+}
 
 SysCallResult FakeNetDevices::new_descriptor(bool tun) {
   const int fd = next_fd_++;

@@ -4,10 +4,13 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/xfrm.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <memory>
+#include <tuple>
 #include <utility>
 
 #include "fakes/test_agent.h"
@@ -208,6 +211,49 @@ TEST(StatsQueriesWithoutSegment, EveryQueryIsAnsweredWithZeroCounters) {
   EXPECT_EQ(t.exchange(ceal(3, request)), Bytes().be16(1).be16(128).be16(3).append(request).zeros(112).vec());
   EXPECT_TRUE(t.log.has(LOG_ERR, "ERROR: Failed to open shared memory\n"));
   EXPECT_EQ(t.exchange(ceal(2, request)).size(), 36u);
+}
+
+// Linux mode: each SA's counters are the kernel's answer to a get of it,
+// here queued in advance on the other end of the request socket.
+TEST(StatsQueriesInLinuxMode, CountersComeFromTheKernelsSas) {
+  TestAgent t(AgentSettings{0, 0, KernelFlavour::kLinux});
+  int fds[2];
+  socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds);
+  const timeval patience{2, 0};  // a missing answer fails the test instead of hanging it
+  setsockopt(fds[0], SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  t.agent.nlink.attach(ScopedFd(fds[0]));
+  const ScopedFd kernel(fds[1]);
+  uint32_t ahead = 0;  // answers queued for requests not sent yet
+  const auto answer_next_get = [&](uint64_t bytes, uint64_t packets, uint32_t replay, uint32_t integrity) {
+    ::xfrm_usersa_info sa{};
+    sa.curlft.bytes = bytes;
+    sa.curlft.packets = packets;
+    sa.stats.replay = replay;
+    sa.stats.integrity_failed = integrity;
+    const auto msg = Bytes().h32(16 + sizeof sa).h16(XFRM_MSG_NEWSA).h16(0).h32(t.agent.nlink.g_seq() + ahead++)
+                         .h32(t.agent.nlink.port_id()).host(sa).vec();
+    send(kernel.get(), msg.data(), msg.size(), 0);
+  };
+  const uint32_t slot = t.open_tunnel(0x100);
+  insert_node_inb_sa(t.agent.tunnels.at(slot)->inb_sa_list, flow_sa<cpa_inbound_sa_t>(1, 0x11, kDst, 50));
+  insert_node_out_sa(t.agent.tunnels.at(slot)->outb_sa_list, flow_sa<cpa_outbound_sa_t>(2, 0x22, kDst, 50));
+
+  answer_next_get(2500, 25, 3, 4);
+  answer_next_get(7000, 70, 0, 0);
+  const auto in = t.exchange(flow_query({{1, true}}));
+  const auto out = t.exchange(flow_query({{2, false}}));
+  ahead = 0;
+  answer_next_get(2500, 25, 3, 4);
+  answer_next_get(7000, 70, 0, 0);
+  const auto global = t.exchange(ceal(3, Bytes().be32(0xCA11).be16(7).be32(0xE4)));
+  // Bytes are 64-bit: their low word is 4 bytes into the field.
+  EXPECT_EQ(std::tuple(be32_at(in, stats_of(0) + 4), be32_at(in, stats_of(0) + 32), be32_at(in, stats_of(0) + 40),
+                       be32_at(in, stats_of(0) + 48), be32_at(in, stats_of(0) + 64)),
+            std::tuple(2500u, 25u, 4u, 3u, 4u));
+  EXPECT_EQ(std::tuple(be32_at(out, stats_of(0) + 196), be32_at(out, stats_of(0) + 224)), std::tuple(7000u, 70u));
+  EXPECT_EQ(std::tuple(be32_at(global, 16 + 16), be32_at(global, 16 + 32), be32_at(global, 16 + 36),
+                       be32_at(global, 16 + 40), be32_at(global, 16 + 72), be32_at(global, 16 + 80)),
+            std::tuple(2500u, 25u, 4u, 3u, 7000u, 70u));
 }
 
 }  // namespace

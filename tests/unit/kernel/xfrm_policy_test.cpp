@@ -8,27 +8,11 @@
 
 #include "fakes/kernel_test_agent.h"
 #include "support/wire_reader.h"
+#include "support/xfrm_fixtures.h"
 
 namespace cpa::test {
 namespace {
 
-XfrmPolicyArgs outbound_ace() {
-  XfrmPolicyArgs p;
-  p.src = 0x0a000001;  // 10.0.0.1
-  p.smask = 0x118;     // only the low byte, 24, counts
-  p.dst = 0xc0a80102;  // 192.168.1.2
-  p.dmask = 32;
-  p.sport = 500;
-  p.dport = 4500;
-  p.dir = 1;
-  p.proto = 17;
-  p.action = 1;
-  p.tunnelid = 7;
-  p.reqid = 3;
-  p.tun_mode = 1;
-  p.sec_protocol = 51;
-  return p;
-}
 
 // The selector of outbound_ace(): destination, source, ports with full masks,
 // AF_INET, prefixes, protocol.

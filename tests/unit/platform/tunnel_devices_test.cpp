@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <linux/if_tun.h>
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 
@@ -87,6 +88,24 @@ TEST_F(Devices, StaleDeviceIsDeletedAndCreatedAgainOnEitherKernel) {
                                  "svti add returns err 0"}));
     check_descriptors(k);
   }
+}
+
+TEST_F(Devices, LinuxModeMakesAnXfrmInterfaceOverRtnetlinkAndReplacesAStaleOne) {
+  ASSERT_EQ(svti_add(kernel, "svti7", KernelFlavour::kLinux), 0);
+  expect_up_with_tunnel_mtu(kernel);
+  EXPECT_EQ(kernel.device("svti7")->xfrm_if_id, 7);
+
+  const int first_index = kernel.device("svti7")->ifindex;
+  ASSERT_EQ(svti_add(kernel, "svti7", KernelFlavour::kLinux), 0);
+  EXPECT_NE(kernel.device("svti7")->ifindex, first_index);
+  EXPECT_EQ(log.count("Deleting stale SVTI interface svti7"), 1);
+
+  ASSERT_EQ(svti_del(kernel, "svti7", KernelFlavour::kLinux), 0);
+  EXPECT_EQ(kernel.device("svti7"), nullptr);
+  EXPECT_EQ(svti_del(kernel, "svti7", KernelFlavour::kLinux), 1);
+  EXPECT_EQ(kernel.route_requests, (std::vector<uint16_t>{RTM_NEWLINK, RTM_NEWLINK, RTM_DELLINK,
+                                                          RTM_NEWLINK, RTM_DELLINK, RTM_DELLINK}));
+  EXPECT_TRUE(kernel.tunnel_ioctl_targets.empty());
 }
 
 TEST_F(Devices, StaleDeviceThatCannotGoOrKeepsComingBackFailsTheAddOnce) {
