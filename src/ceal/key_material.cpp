@@ -220,6 +220,7 @@ int ceal_create_key_by_keys(Agent& agent, ReceivedBytes msg, std::vector<uint8_t
   if (kestrix_ceal_fetch_keyinfo(msg.slice(kCealKeyAreaOffset), *record, key_len))
     log_esp_mac_missing(record->ce_cipher, msg, message_length);
 
+  // It waits there until its SA claims it; nothing else bounds the list.
   cpa_log(LOG_DEBUG, " \ninsert cipher node - [0x%x]", log_addr(record.get()));
   insert_node_cipher_info(agent.cipher_info_list, std::move(record));
   ceal_answer_handle_no_err(msg, response);

@@ -32,19 +32,19 @@ class ResponseShapes(AgentTestCase):
 
 
 class CealShapes(AgentTestCase):
-    def test_each_api_type_is_answered_in_its_shape_as_unsupported(self):
+    def test_each_api_type_is_answered_in_its_shape(self):
         agent = self.start_agent()
         rp = self.rp()
         handles = bytes(range(1, 13))
-        # api type, response length, handle bytes echoed, where the status sits (0: no status)
-        for api, size, echoed, status_at in ((0, 281, 4, 10), (1, 22, 8, 18), (2, 36, 10, 0),
-                                             (3, 128, 10, 0), (4, 14, 4, 10)):
+        # api type, response length, handle bytes echoed, where the status sits (0: no status), status
+        for api, size, echoed, status_at, status in ((0, 281, 4, 10, 1), (1, 22, 8, 18, 2), (2, 36, 10, 0, 0),
+                                                     (3, 128, 10, 0, 0), (4, 14, 4, 10, 1)):
             expected = bytearray(be16(1) + be16(size) + be16(api) + handles[:echoed] + bytes(size - 6 - echoed))
             if status_at:
-                expected[status_at:status_at + 4] = be32(2)
+                expected[status_at:status_at + 4] = be32(status)
             self.assertEqual(rp.request(ceal(api, handles)), bytes(expected), api)
         # A request cut short echoes what did arrive.
-        self.assertEqual(rp.request(ceal(4, b"\xaa")), be16(1) + be16(14) + be16(4) + b"\xaa\0\0\0" + be32(2))
+        self.assertEqual(rp.request(ceal(4, b"\xaa")), be16(1) + be16(14) + be16(4) + b"\xaa\0\0\0" + be32(1))
         rows = counter_rows(agent)
         self.assertEqual([rows[name] for name in ("KESTRIX_CEAL_CE_CREATE_KEY_BY_KEYS", "KESTRIX_CEAL_CE_DELETE_FLOW")],
                          [(1, 1, 0), (2, 2, 0)])
