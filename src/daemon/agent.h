@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include "ceal/fastpath_stats.h"
 #include "daemon/thread_shared.h"
 #include "diag/command_trace.h"
 #include "diag/counters.h"
@@ -45,6 +46,7 @@ struct Agent {
   TunnelTable tunnels;
   PeerTable peers;
   CipherList cipher_info_list;  // key material not yet claimed by an SA, newest first
+  FastPathStats fastpath;  // the fast path's counters; mapped at start-up
   NetlinkTransport nlink;  // kernel requests; its socket is attached at start-up
   // What the kernel listener reaches of the policy layer.
   std::unique_ptr<KernelPolicyEvents> policy_events =

@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "ceal/fastpath_stats.h"
 #include "daemon/agent.h"
 #include "daemon/options.h"
 #include "daemon/signals.h"
@@ -21,6 +20,7 @@
 #include "kernel/netlink_listener.h"
 #include "kernel/netlink_socket.h"
 #include "link/arp.h"
+#include "link/arp_handler.h"
 #include "link/keepalive.h"
 #include "pal/pal_dispatcher.h"
 #include "pal/rp_link.h"
@@ -104,8 +104,8 @@ void clear_unit_test_leftovers(CommandRunner& commands) {
 
 class EventLoop {
  public:
-  EventLoop(Agent& agent, RpLink& rp, ArpPort& arp, const DaemonSockets& sockets)
-      : agent_(agent), rp_(rp), arp_(arp), sockets_(sockets) {}
+  EventLoop(Agent& agent, RpLink& rp, ArpPort& arp, ArpHandler& arp_handler, const DaemonSockets& sockets)
+      : agent_(agent), rp_(rp), arp_(arp), arp_handler_(arp_handler), sockets_(sockets) {}
 
   [[noreturn]] void serve_forever() {
     const int nfds = std::max({sockets_.g_sd.get(), sockets_.g_arp_sd.get(),
@@ -135,7 +135,10 @@ class EventLoop {
     if (fd == sockets_.g_arp_sd.get()) {
       arp_.bind_arp_socket(kArpInterface);
       const ssize_t n = recv(fd, buffer_, sizeof buffer_, 0);
-      if (n > 0) cpa_log(LOG_DEBUG, "got something on ARP sd, len [%d]", static_cast<int>(n));
+      if (n > 0) {
+        cpa_log(LOG_DEBUG, "got something on ARP sd, len [%d]", static_cast<int>(n));
+        arp_handler_.kestrix_pal_proc_arp(ReceivedBytes(buffer_, static_cast<size_t>(n)));
+      }
     } else if (fd == sockets_.g_sd.get()) {
       sockaddr_in source{};
       socklen_t source_length = sizeof source;
@@ -153,6 +156,7 @@ class EventLoop {
   Agent& agent_;
   RpLink& rp_;
   ArpPort& arp_;
+  ArpHandler& arp_handler_;
   const DaemonSockets& sockets_;
   uint8_t buffer_[kReceiveBufferSize];  // the one receive buffer of the UDP and ARP paths
 };
@@ -184,9 +188,8 @@ int run_agent(int argc, char* argv[]) {
   ShellCommandRunner commands;
   RpLink rp(sockets.g_sd.get());
   KernelNetDeviceSysCalls devices;
-  FastPathStats fastpath;
-  fastpath.kestrix_stats_sharedmem_init();
   Agent agent(opts->settings, AgentSeams{clock, commands, rp, devices});
+  agent.fastpath.kestrix_stats_sharedmem_init();
   agent.nlink.attach(std::move(sockets.nlsock_fd));
   agent.tunnels.init_sadb();
   bind_display_flag(&agent.shared.g_display_ctr);
@@ -194,7 +197,9 @@ int run_agent(int argc, char* argv[]) {
   Keepalive keepalive(agent.shared, agent.counters, commands);
   start_keepalive_or_exit(keepalive);
   if (agent.settings.g_unit_test_on) clear_unit_test_leftovers(commands);
-  EventLoop(agent, rp, arp, sockets).serve_forever();
+  ProcessEnvironment environment;
+  ArpHandler arp_handler(ArpSeams{devices, commands, environment}, agent.counters.misc_dbg_ctrs);
+  EventLoop(agent, rp, arp, arp_handler, sockets).serve_forever();
 }
 
 }  // namespace cpa

@@ -12,8 +12,11 @@ class SyslogSink final : public LogSink {
   }
 };
 
-SyslogSink g_syslog_sink;
-std::atomic<LogSink*> g_sink{&g_syslog_sink};
+// Never destroyed: the keepalive thread may end the process with exit()
+// while the main thread still logs, and a sink torn down by exit()'s
+// destructors would be called half destroyed.
+LogSink* const g_syslog_sink = new SyslogSink;
+std::atomic<LogSink*> g_sink{g_syslog_sink};
 
 }  // namespace
 
@@ -25,7 +28,7 @@ void cpa_log(int priority, const char* format, ...) {
 }
 
 LogSink* set_log_sink(LogSink* sink) {
-  return g_sink.exchange(sink ? sink : &g_syslog_sink, std::memory_order_acq_rel);
+  return g_sink.exchange(sink ? sink : g_syslog_sink, std::memory_order_acq_rel);
 }
 
 void open_agent_syslog() { openlog("ipsec_cpa", LOG_PID | LOG_CONS | LOG_NDELAY, LOG_LOCAL0); }

@@ -1,5 +1,5 @@
-// Narrow seams over the system: the monotonic clock, the shell, and the calls
-// that manage network devices. The agent uses the real ones; tests hand in fakes.
+// Narrow seams over the system: the monotonic clock, the shell and its
+// environment, and the calls that manage network devices. The agent uses the real ones; tests hand in fakes.
 #pragma once
 
 #include <time.h>
@@ -17,6 +17,14 @@ class CommandRunner {
   virtual ~CommandRunner() = default;
   // Runs `command` through the shell; returns what system() returns.
   virtual int run(const char* command) = 0;
+};
+
+// The process environment the shell commands inherit.
+class Environment {
+ public:
+  virtual ~Environment() = default;
+  // Sets `name` to `value`, overwriting an earlier value.
+  virtual void set(const char* name, const char* value) = 0;
 };
 
 // The outcome of one system call: what it returned, and errno when it failed.
@@ -63,6 +71,11 @@ class SystemClock final : public Clock {
 class ShellCommandRunner final : public CommandRunner {
  public:
   int run(const char* command) override;
+};
+
+class ProcessEnvironment final : public Environment {
+ public:
+  void set(const char* name, const char* value) override;
 };
 
 class KernelNetDeviceSysCalls final : public NetDeviceSysCalls {

@@ -83,6 +83,19 @@ def new_network_namespace():
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
 
 
+def mount_over(testcase, target, source=None):
+    """Covers `target` until the test ends: a fresh tmpfs over a directory, or
+    the file `source` bound over a file. What is missing is made in the
+    private /usr overlay, so the host's paths are never touched."""
+    if source:
+        open(target, "a").close()
+        _mount(source, target, None, MS_BIND)
+    else:
+        os.makedirs(target, exist_ok=True)
+        _mount("tmpfs", target, "tmpfs", 0, "mode=755")
+    testcase.addCleanup(lambda: _check(_libc.umount2(target.encode(), 0), f"umount {target}"))
+
+
 def wait_until(cond, done, timeout):
     """Waits on the condition `cond` until done() holds; False after `timeout` seconds."""
     deadline = time.monotonic() + timeout

@@ -1,6 +1,7 @@
 #include "fakes/fake_net_devices.h"
 
 #include <linux/if_tun.h>
+#include <netinet/in.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -95,6 +96,14 @@ SysCallResult FakeNetDevices::socket_ioctl(unsigned long request, void* arg) {
     case SIOCSIFMTU:
       dev->second.mtu = ifr.ifr_mtu;
       return ok();
+    case SIOCGIFADDR:
+    case SIOCGIFNETMASK: {
+      sockaddr_in sin{};
+      sin.sin_family = AF_INET;
+      sin.sin_addr.s_addr = request == SIOCGIFADDR ? dev->second.addr : dev->second.netmask;
+      std::memcpy(&ifr.ifr_addr, &sin, sizeof sin);
+      return ok();
+    }
     default:
       return failed(ENOTTY);
   }
@@ -125,8 +134,10 @@ FakeNetDevices::Device& FakeNetDevices::create(const std::string& name, bool tun
   return dev;
 }
 
-void FakeNetDevices::add_device(const std::string& name, bool tun) {
-  create(name, tun).persistent = tun;
+FakeNetDevices::Device& FakeNetDevices::add_device(const std::string& name, bool tun) {
+  Device& dev = create(name, tun);
+  dev.persistent = tun;
+  return dev;
 }
 
 const FakeNetDevices::Device* FakeNetDevices::device(const std::string& name) const {

@@ -21,6 +21,8 @@ class FakeNetDevices final : public NetDeviceSysCalls {
     int ifindex = 0;
     uint16_t flags = 0;
     int mtu = 1500;
+    uint32_t addr = 0;     // IPv4, network order
+    uint32_t netmask = 0;  // network order
     bool tun = false;         // made through /dev/net/tun (else by the control device)
     bool persistent = false;  // a tun device that outlives its descriptors
   };
@@ -31,7 +33,7 @@ class FakeNetDevices final : public NetDeviceSysCalls {
   SysCallResult close(int fd) override;
 
   // A device that exists before the agent acts, as one left by an earlier run.
-  void add_device(const std::string& name, bool tun = true);
+  Device& add_device(const std::string& name, bool tun = true);
   const Device* device(const std::string& name) const;
   int open_descriptors() const { return static_cast<int>(fds_.size()); }
 

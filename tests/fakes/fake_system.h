@@ -1,8 +1,10 @@
-// Fakes of the system seams: a clock that moves only when told, a shell that
-// records commands, and an RP that records every datagram sent to it.
+// Fakes of the system seams: a clock that moves only when told, an
+// environment, a shell that records commands (and the environment each one
+// would inherit), and an RP that records every datagram sent to it.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -17,13 +19,24 @@ class FakeClock final : public Clock {
   timespec now{1000, 0};
 };
 
+using EnvValues = std::map<std::string, std::string>;
+
+class FakeEnvironment final : public Environment {
+ public:
+  void set(const char* name, const char* value) override { values[name] = value; }
+  EnvValues values;
+};
+
 class FakeCommandRunner final : public CommandRunner {
  public:
   int run(const char* command) override {
     commands.emplace_back(command);
+    if (environment) environments.push_back(environment->values);
     return 0;
   }
   std::vector<std::string> commands;
+  const FakeEnvironment* environment = nullptr;  // when set, each command's inherited values
+  std::vector<EnvValues> environments;
 };
 
 class RecordingOutbox final : public RpOutbox {

@@ -1,0 +1,66 @@
+"""ARP on ethgrp0, one end of a veth pair made after the agent started: real
+frames from the other end, the shipped stand-ins installed at the platform's
+command paths (covered inside the sandbox only), /sbin/arp recorded."""
+
+import os
+import socket
+import struct
+import subprocess
+import time
+import unittest
+
+from sandbox import REPO, SCRATCH, AgentTestCase, mount_over, new_network_namespace
+
+MAC = bytes.fromhex("02005e0a0bfe")
+
+
+def send_arp(op, sender_ip, target_ip):
+    frame = (b"\xff" * 6 + MAC + struct.pack(">HHHBBH", 0x0806, 1, 0x0800, 6, 4, op) + MAC +
+             socket.inet_aton(sender_ip) + bytes(6) + socket.inet_aton(target_ip))
+    with socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as s:
+        s.bind(("arp-peer", 0))
+        s.send(frame)
+
+
+def ip(*args):
+    return subprocess.run(["ip", *args], capture_output=True, text=True, check=True).stdout
+
+
+class Arp(AgentTestCase):
+
+    def test_late_ethgrp0_is_bound_and_readdressed(self):
+        record = f"{SCRATCH}/arp-{time.monotonic_ns()}"
+        with open(record + ".sh", "w") as f:
+            f.write(f'#!/bin/sh\necho "$0 $*|$ARP_IF|$ARP_SRC_MAC|$ARP_SRC_IP|$ARP_DST_IP" >> {record}\n')
+        os.chmod(record + ".sh", 0o755)
+        mount_over(self, "/sbin/arp", record + ".sh")
+        mount_over(self, "/usr/local/fpbin")
+        mount_over(self, "/usr/local/fastpath")
+        subprocess.run(["bash", f"{REPO}/scripts/install-platform-standins.sh"], check=True)
+        new_network_namespace()
+        agent = self.start_agent(fresh_namespace=False)
+        self.assertLogged(agent, "Error getting Interface index ! reason No such device\n")
+
+        ip("link", "add", "ethgrp0", "type", "veth", "peer", "name", "arp-peer")
+        ip("address", "add", "10.2.0.5/16", "dev", "ethgrp0")
+        ip("link", "set", "ethgrp0", "up")
+        ip("link", "set", "arp-peer", "up")
+        send_arp(1, "10.2.7.7", "10.2.0.9")
+        self.assertLogged(agent, "ARP BIND is OK")
+        self.assertLogged(agent, "ARP processing done:\n")
+        self.assertIn(" 10.2.0.9/16 ", ip("-4", "-o", "address", "show", "dev", "ethgrp0"))
+        with open("/proc/net/packet") as f:
+            arp_ifaces = [int(l.split()[4]) for l in f.readlines()[1:] if l.split()[3] == "0806"]
+        self.assertEqual(arp_ifaces, [socket.if_nametoindex("ethgrp0")])
+
+        send_arp(2, "10.1.1.1", "10.1.1.1")
+        self.assertLogged(agent, "INFO: 10.1.1.2 is the new ethgrp0 address\n")
+        self.assertIn(" 10.1.1.2/24 ", ip("-4", "-o", "address", "show", "dev", "ethgrp0"))
+        mac = "02:00:5e:0a:0b:fe"
+        with open(record) as f:
+            self.assertEqual(f.read().splitlines(),
+                             [f"/sbin/arp -s 10.1.1.1 {mac}|ethgrp0|{mac}|10.1.1.1|10.2.0.9"])
+
+
+if __name__ == "__main__":
+    unittest.main()
