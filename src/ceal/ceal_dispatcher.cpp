@@ -5,25 +5,14 @@
 #include <cstring>
 #include <vector>
 
+#include "ceal/flow_delete.h"
+#include "ceal/key_material.h"
 #include "ceal/stats_queries.h"
 #include "diag/log.h"
 #include "wire/cp_dp_msg.h"
 
 namespace cpa {
 namespace {
-
-// Not built yet: echoes the request's fixed leading fields and answers
-// CRYPTO_ERR_UNSUPPORTED where the response has a status.
-template <uint16_t kEchoed, uint16_t kStatusOffset>
-int not_yet_supported(Agent&, ReceivedBytes msg, std::vector<uint8_t>& response) {
-  const ReceivedBytes echoed = msg.slice(kCealBodyOffset, kEchoed);
-  if (echoed.size()) std::memcpy(response.data() + kCealBodyOffset, echoed.data(), echoed.size());
-  if (kStatusOffset) {
-    const uint32_t wire = htonl(CRYPTO_ERR_UNSUPPORTED);
-    std::memcpy(response.data() + kStatusOffset, &wire, sizeof wire);
-  }
-  return 0;
-}
 
 struct CealApi {
   uint16_t size;  // response datagram size (before the handler resizes it)
@@ -33,14 +22,21 @@ struct CealApi {
 
 using C = cpa_ceal_ctr_t;
 const CealApi kCealApis[] = {
-    {281, &C::c_create_key_req, not_yet_supported<4, 10>},    // CREATE_KEY_BY_KEYS
+    {281, &C::c_create_key_req, ceal_create_key_by_keys},      // CREATE_KEY_BY_KEYS
     {22, &C::c_flow_stats_req, kestrix_ceal_flow_stats},       // FLOW_STATS
     {36, &C::c_sadb_stats_req, kestrix_ceal_sadb_stats},       // IVRF_SADB_STATS
     {128, &C::c_global_stats_req, kestrix_ceal_global_stats},  // IVRF_GLOBAL_STATS
-    {14, &C::c_delete_key_req, not_yet_supported<4, 10>},     // DELETE_FLOW
+    {14, &C::c_delete_key_req, ceal_delete_flow},              // DELETE_FLOW
 };
 
 }  // namespace
+
+void ceal_answer_handle_no_err(ReceivedBytes msg, std::vector<uint8_t>& response) {
+  const ReceivedBytes handle = msg.slice(kCealBodyOffset, 4);
+  if (handle.size()) std::memcpy(response.data() + kCealBodyOffset, handle.data(), handle.size());
+  const uint32_t status = htonl(CRYPTO_NO_ERR);
+  std::memcpy(response.data() + kCealBodyOffset + 4, &status, sizeof status);
+}
 
 int kestrix_ceal_build_response(uint16_t ceal_cmd_type, uint8_t* buf, uint16_t sendlen) {
   if (!buf) return 0;

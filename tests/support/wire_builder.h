@@ -70,4 +70,9 @@ inline std::vector<uint8_t> pal_answer(uint16_t cmd, const std::vector<uint8_t>&
   return Bytes().be16(0).be16(static_cast<uint16_t>(6 + body.size())).be16(cmd).append(body);
 }
 
+// A CEAL request: header (type 1, length = bytes after the header), api type, body.
+inline std::vector<uint8_t> ceal_request(uint16_t api_type, const std::vector<uint8_t>& body) {
+  return Bytes().be16(1).be16(static_cast<uint16_t>(2 + body.size())).be16(api_type).append(body);
+}
+
 }  // namespace cpa::test

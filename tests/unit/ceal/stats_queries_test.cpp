@@ -22,15 +22,12 @@ namespace {
 
 constexpr uint32_t kDst = 0x0A000001;  // 10.0.0.1
 
-std::vector<uint8_t> ceal(uint16_t api, const std::vector<uint8_t>& body) {
-  return Bytes().be16(1).be16(static_cast<uint16_t>(2 + body.size())).be16(api).append(body);
-}
 // A FLOW_STATS request for (flow id, inbound) pairs; handle i carries 0xE0+i and 0xB0+i.
 std::vector<uint8_t> flow_query(const std::vector<std::pair<uint32_t, bool>>& flows, uint32_t num_flows) {
   Bytes b;
   b.be32(0xCA11).be32(0xF1).be32(num_flows);
   for (size_t i = 0; i < flows.size(); ++i) b.be32(flows[i].first).be32(0xE0 + i).be32(0xB0 + i).be32(flows[i].second);
-  return ceal(1, b);
+  return ceal_request(1, b);
 }
 std::vector<uint8_t> flow_query(const std::vector<std::pair<uint32_t, bool>>& flows) {
   return flow_query(flows, static_cast<uint32_t>(flows.size()));
@@ -154,7 +151,7 @@ TEST_F(StatsQueries, FlowResponseAnswersTheHandlesItReceived) {
       {flow_query({}), 22, 0},
       {flow_query({{9, true}, {9, true}}, 5), 934, 5},
       {flow_query(many), 22 + 143 * 456, 200},
-      {ceal(1, Bytes().be32(0xCA11).be32(0xF1).be32(1).zeros(15)), 22, 1},
+      {ceal_request(1, Bytes().be32(0xCA11).be32(0xF1).be32(1).zeros(15)), 22, 1},
   };
   for (const auto& c : cases) {
     const auto a = t.exchange(c.request);
@@ -178,8 +175,8 @@ TEST_F(StatsQueries, GlobalCountersComeFromRowZeroAndSadbCountersAreZero) {
       .be32(sum(48) + sum(24)).be32(sum(56)).be32(sum(16)).be32(sum(24)).be32(sum(40)).be32(sum(48)).zeros(8)
       .be64((uint64_t{1} << 32) + sum(96)).be32(sum(160) + sum(168)).be32(sum(88)).be32(sum(120)).be32(sum(104))
       .be32(sum(112)).be32(sum(128)).be32(sum(136)).zeros(8);
-  EXPECT_EQ(t.exchange(ceal(3, request)), Bytes().be16(1).be16(128).be16(3).append(request).append(g).vec());
-  EXPECT_EQ(t.exchange(ceal(2, request)), Bytes().be16(1).be16(36).be16(2).append(request).zeros(20).vec());
+  EXPECT_EQ(t.exchange(ceal_request(3, request)), Bytes().be16(1).be16(128).be16(3).append(request).append(g).vec());
+  EXPECT_EQ(t.exchange(ceal_request(2, request)), Bytes().be16(1).be16(36).be16(2).append(request).zeros(20).vec());
 }
 
 // The developers' segment tool writes the layout the agent reads.
@@ -208,9 +205,9 @@ TEST(StatsQueriesWithoutSegment, EveryQueryIsAnsweredWithZeroCounters) {
   EXPECT_EQ(be32_at(flows, 18), 1u);
   EXPECT_EQ(std::vector<uint8_t>(flows.begin() + 494, flows.end()), std::vector<uint8_t>(440));
   EXPECT_EQ(t.log.count("ERROR: fp_shared is  NULL !!"), 2);
-  EXPECT_EQ(t.exchange(ceal(3, request)), Bytes().be16(1).be16(128).be16(3).append(request).zeros(112).vec());
+  EXPECT_EQ(t.exchange(ceal_request(3, request)), Bytes().be16(1).be16(128).be16(3).append(request).zeros(112).vec());
   EXPECT_TRUE(t.log.has(LOG_ERR, "ERROR: Failed to open shared memory\n"));
-  EXPECT_EQ(t.exchange(ceal(2, request)).size(), 36u);
+  EXPECT_EQ(t.exchange(ceal_request(2, request)).size(), 36u);
 }
 
 // Linux mode: each SA's counters are the kernel's answer to a get of it,
