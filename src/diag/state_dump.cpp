@@ -56,12 +56,11 @@ void kestrix_dump_cpa_intf(const cpa_interface_t* cpa_elem, int i) {
   cpa_log(LOG_INFO, ">>>KESTRIX POLICIES BEGIN<<<");
   kestrix_dump_policy_lst(cpa_elem->head_policy);
   cpa_log(LOG_INFO, ">>>KESTRIX POLICIES END<<<");
-  // SAs are not kept yet: every tunnel's SA lists are empty.
   cpa_log(LOG_INFO, ">>>KESTRIX INBOUND SAs BEGIN<<<");
-  cpa_log(LOG_DEBUG, "No Inbound SAs in list to display!");
+  kestrix_dump_inb_sa_lst(cpa_elem->inb_sa_list);
   cpa_log(LOG_INFO, ">>>KESTRIX INBOUND SAs END<<<");
   cpa_log(LOG_INFO, ">>>KESTRIX OUTBOUND SAs BEGIN<<<");
-  cpa_log(LOG_DEBUG, "No Outbound SAs in list to display!");
+  kestrix_dump_outb_sa_lst(cpa_elem->outb_sa_list);
   cpa_log(LOG_INFO, ">>>KESTRIX OUTBOUND SAs END<<<");
 }
 
@@ -127,6 +126,102 @@ void kestrix_dump_action(const kestrix_cdh_action& act) {
     default:
       cpa_log(LOG_ERR, "action: INVALID");
   }
+}
+
+void kestrix_dump_inb_sa_lst(const InboundSaList& sa) {
+  if (sa.empty()) {
+    cpa_log(LOG_DEBUG, "No Inbound SAs in list to display!");
+    return;
+  }
+  for (const cpa_inbound_sa_t& entry : sa) {
+    cpa_log(LOG_INFO, "***INBOUND SA:");
+    kestrix_dump_inb_sa(entry);
+  }
+}
+
+void kestrix_dump_inb_sa(const cpa_inbound_sa_t& sa) {
+  char dest[16];
+  char src[16];
+  cpa_log(LOG_DEBUG,
+          "\n spi [0x%x], protocol [%d], dest_addr [%s], src_addr [%s] ipsec_sa [%x] \nsrc_mask "
+          "[%d] dest_mask [%d], static_seqno [%d], dyn_seq_no [%d]\nfvrf [%d], ace_index [%d]",
+          sa.spi, sa.protocol, kestrix_num2ip4(sa.dest_addr.ip_address, dest),
+          kestrix_num2ip4(sa.src_addr.ip_address, src), sa.sa, sa.src_mask, sa.dest_mask,
+          sa.static_seqno, sa.dyn_seq_no, sa.fvrf, sa.ace_index);
+  cpa_log(LOG_DEBUG, "INBOUND action:");
+  kestrix_dump_action(sa.action);
+  kestrix_dump_cipher_info(sa.sa_info.get());
+}
+
+void kestrix_dump_outb_sa_lst(const OutboundSaList& sa) {
+  if (sa.empty()) {
+    cpa_log(LOG_DEBUG, "No Outbound SAs in list to display!");
+    return;
+  }
+  for (const cpa_outbound_sa_t& entry : sa) {
+    cpa_log(LOG_INFO, "***OUTBOUND SA:");
+    kestrix_dump_outb_sa(entry);
+  }
+}
+
+void kestrix_dump_outb_sa(const cpa_outbound_sa_t& sa) {
+  char dest[16];
+  char src[16];
+  // The flow id is shown by its low 32 bits.
+  cpa_log(LOG_DEBUG,
+          "\nspi [0x%x], protocol [%d], dest_addr [%s], src_addr [%s] sa [%d]\nstatic_seqno [%d], "
+          "dyn_seq_no [%d], ivrf [%d], ace_index [%d]\n",
+          sa.spi, sa.protocol, kestrix_num2ip4(sa.dest_addr.ip_address, dest),
+          kestrix_num2ip4(sa.src_addr.ip_address, src), static_cast<uint32_t>(sa.sa),
+          sa.static_seq_no, sa.dyn_seqno, sa.ivrf, sa.ace_index);
+  cpa_log(LOG_DEBUG, "INBOUND action:");
+  kestrix_dump_action(sa.inbound);
+  cpa_log(LOG_DEBUG, "OUTBOUND action:");
+  kestrix_dump_action(sa.outbound);
+  kestrix_dump_cipher_info(sa.sa_info.get());
+}
+
+// Every field of the cipher information block in its order, two to a line.
+void kestrix_dump_cipher_info(const kestrix_ce_cipher_list_t* ce_info) {
+  if (!ce_info) return;
+  const kestrix_ce_cipher_info& c = ce_info->ce_cipher;
+  char source[16];
+  char dest[16];
+  char orig_remote[16];
+  using u64 = unsigned long long;
+  cpa_log(LOG_DEBUG,
+          "\noutbound [%d], esp_used [%d],\nesp_cipher [%d], esp_cipher_key_length [%d],\n"
+          "esp_mac [%d], esp_spi [0x%x],\nah_used [%d], ah_mac [%d],\n"
+          "ah_spi [0x%x], ippcp_used [%d],\ncpi [%d], antireplay_window_size [%d],\n"
+          "source [%s], dest [%s],\npreserve_header [%d], tunnel_id [%d],\n"
+          "mode [%d], inner_format [%d],\nouter_format [%d], ipv4_df_setting [%d],\n"
+          "ipv6_flow_label [%d], do_antireplay_check [%d],\n"
+          "extended_sequence_number [%d], replay_enabled [%d],\n"
+          "tunnel_mode [%d], ipsec_inline_tagging_enabled [%d],\n"
+          "udp_encaps [%d], udp_source_port [%d],\nudp_dest_port [%d], orig_remote_ip_addr [%s],\n"
+          "ctcp_encaps [%d], standby [%d],\npeer_handle [%d], soft_time_lifetime [%llu],\n"
+          "hard_time_lifetime [%llu], soft_volume_lifetime [%llu],\n"
+          "hard_volume_lifetime [%llu], negotiated_lifetime [%llu],\n"
+          "sa_handle [%d], prefrag_setting [%d],\ninitial_mtu [%d], plaintext_mtu [%d],\n"
+          "cmd_handle [%d], qos_group [%d],\nqos_preclassify [%d], HA_ipsec_update_interval [%d],\n"
+          "gcm_iv_low_value [%llu], gcm_iv_high_value [%llu],\n"
+          "gcm_iv_warning_count [%llu], transform_negotiated_flags [%d],\n"
+          "support_dummy_packet [%d]",
+          c.outbound, c.esp_used, c.esp_cipher, c.esp_cipher_key_length, c.esp_mac, c.esp_spi,
+          c.ah_used, c.ah_mac, c.ah_spi, c.ippcp_used, c.cpi, c.antireplay_window_size,
+          kestrix_num2ip4(c.source.ip_address, source), kestrix_num2ip4(c.dest.ip_address, dest),
+          c.preserve_header, c.tunnel_id, c.mode, c.inner_format, c.outer_format,
+          c.ipv4_df_setting, c.ipv6_flow_label, c.do_antireplay_check, c.extended_sequence_number,
+          c.kestrix_timebased_replay_check.replay_enabled,
+          c.kestrix_timebased_replay_check.tunnel_mode, c.ipsec_inline_tagging_enabled,
+          c.udp_encaps, c.udp_source_port, c.udp_dest_port,
+          kestrix_num2ip4(c.orig_remote_ip_addr.ip_address, orig_remote), c.ctcp_encaps, c.standby,
+          c.peer_handle, u64{c.soft_time_lifetime}, u64{c.hard_time_lifetime},
+          u64{c.soft_volume_lifetime}, u64{c.hard_volume_lifetime}, u64{c.negotiated_lifetime},
+          c.sa_handle, c.prefrag_setting, c.initial_mtu, c.plaintext_mtu, c.cmd_handle,
+          c.qos_group, c.qos_preclassify, c.HA_ipsec_update_interval, u64{c.gcm_iv_low_value},
+          u64{c.gcm_iv_high_value}, u64{c.gcm_iv_warning_count}, c.transform_negotiated_flags,
+          c.support_dummy_packet);
 }
 
 void kestrix_dump_cpa_peer_params(const cdh_peer_parameters* peer) {

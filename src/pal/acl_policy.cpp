@@ -6,6 +6,7 @@
 
 #include "diag/log.h"
 #include "pal/ace_decoding.h"
+#include "pal/record_stream.h"
 #include "wire/byte_order.h"
 
 namespace cpa {
@@ -46,16 +47,6 @@ void log_request(const kestrix_pal_acl_update_req& req) {
           static_cast<unsigned>(ntohs(desc.ivrf)), ntohl(desc.num_old_ace_entries));
 }
 
-// The record stream is read only as far as both the received bytes and
-// message_length reach. A record that starts before message_length but does
-// not fit fails the whole request, like a record of an unknown kind, rather
-// than being dropped or read from bytes that never arrived.
-ce_status_t truncated_record(const ReceivedBytes& stream, size_t offset) {
-  cpa_log(LOG_ERR, "ACL_UPDATE: record at offset %zu passes the end of the PAL req (%zu bytes)",
-          offset, stream.size());
-  return CRYPTO_ERR_INVALID;
-}
-
 ce_status_t add_ace(cpa_spd_policy_t& policy, uint16_t kind, const kestrix_crypto_ace& wire) {
   std::unique_ptr<ace_netlink_t> node = new_record<ace_netlink_t>();
   if (!node) {
@@ -75,28 +66,20 @@ ce_status_t add_ace(cpa_spd_policy_t& policy, uint16_t kind, const kestrix_crypt
   return CRYPTO_NO_ERR;
 }
 
-// Reads the record at `offset` into `policy` and moves `offset` past it.
-ce_status_t add_record(const ReceivedBytes& stream, size_t& offset, cpa_spd_policy_t& policy) {
-  const auto header = stream.read<kestrix_acl_actions>(offset);
-  if (!header) return truncated_record(stream, offset);
-  const uint16_t kind = ntohs(header->kestrix_acl_type);
-  if (kind < KESTRIX_PAL_ACE_ACL_DESC || kind > KESTRIX_PAL_OUT_DENY_ACTION) {
-    cpa_log(LOG_ERR, "ACL_UPDATE: bad acl_action [%d] in PAL req", kind);
+// Adds one record of the stream to `policy`.
+RecordOutcome add_record(const StreamRecord& record, cpa_spd_policy_t& policy) {
+  if (record.ace) {
+    const ce_status_t status = add_ace(policy, record.kind, *record.ace);
+    return status == CRYPTO_NO_ERR ? RecordOutcome{} : status;
+  }
+  if (!record.action) {
+    cpa_log(LOG_ERR, "ACL_UPDATE: bad acl_action [%d] in PAL req", record.kind);
     return CRYPTO_ERR_INVALID;
   }
-  const size_t body = offset + sizeof(kestrix_acl_actions);
-  if (kind < KESTRIX_PAL_IN_ACTION) {
-    const auto ace = stream.read<kestrix_crypto_ace>(body);
-    if (!ace) return truncated_record(stream, offset);
-    offset += kAceRecordSize;
-    return add_ace(policy, kind, *ace);
-  }
-  const auto action = stream.read<kestrix_cdh_action>(body);
-  if (!action) return truncated_record(stream, offset);
   // A later record of the same kind overwrites the earlier one.
-  kestrix_set_action(&*action, &(policy.*kActionSlots[kind - KESTRIX_PAL_IN_ACTION]));
-  offset += kActionRecordSize;
-  return CRYPTO_NO_ERR;
+  kestrix_set_action(&*record.action,
+                     &(policy.*kActionSlots[record.kind - KESTRIX_PAL_IN_ACTION]));
+  return std::nullopt;
 }
 
 }  // namespace
@@ -124,11 +107,10 @@ ce_status_t kestrix_alloc_set_policy(const ReceivedBytes& req, size_t req_buf_le
   policy->desc.what_changed = ntohl(fixed->desc.what_changed);
   log_request(fixed.value);
 
-  const ReceivedBytes stream = req.slice(0, req_buf_len);
-  for (size_t offset = kAclStreamOffset; offset < req_buf_len;) {
-    const ce_status_t status = add_record(stream, offset, *policy);
-    if (status != CRYPTO_NO_ERR) return status;
-  }
+  const ce_status_t walked =
+      walk_record_stream(req, kAclStreamOffset, req_buf_len, "ACL_UPDATE",
+                         [&](const StreamRecord& record) { return add_record(record, *policy); });
+  if (walked != CRYPTO_NO_ERR) return walked;
   *ipsec_policy = std::move(policy);
   return CRYPTO_NO_ERR;
 }

@@ -7,11 +7,12 @@
 #include "ceal/ceal_dispatcher.h"
 #include "diag/log.h"
 #include "pal/acl_modify.h"
+#include "pal/crypto_flows.h"
 #include "pal/intf_attach.h"
 #include "pal/pal_request.h"
 #include "pal/peer_requests.h"
-#include "pal/pending_requests.h"
 #include "pal/sadb_requests.h"
+#include "pal/spi_requests.h"
 #include "wire/byte_order.h"
 
 namespace cpa {
@@ -47,11 +48,15 @@ ce_status_t acl_modify(Agent& agent, const PalRequest& request, kestrix_pal_resp
   return kestrix_proc_acl_update_req(agent, request.command, request.message_length);
 }
 
-ce_status_t not_yet(Agent& agent, const PalRequest& request, kestrix_pal_resp_t&) {
-  return kestrix_proc_not_yet_supported(agent, request);
+ce_status_t spi_insert(Agent& agent, const PalRequest& request, kestrix_pal_resp_t& record) {
+  uint32_t flow_id = 0;
+  const ce_status_t status =
+      kestrix_proc_spi_insert_req(agent, request.command, request.message_length, flow_id);
+  record.with_handle.handle = htonl(flow_id);
+  return status;
 }
 
-ce_status_t cflow_insert_log(Agent& agent, const PalRequest& request, kestrix_pal_resp_t& record) {
+ce_status_t cflow_insert(Agent& agent, const PalRequest& request, kestrix_pal_resp_t& record) {
   const auto req = request.body.read_padded<kestrix_pal_insert_flow_table_req>(0);
   cpa_log(LOG_DEBUG,
           " callbackhdl %x, create_hdl %x, sadbhdl %x, static_seqno %d, dyn_seqno %d, ace_index %d, "
@@ -59,15 +64,19 @@ ce_status_t cflow_insert_log(Agent& agent, const PalRequest& request, kestrix_pa
           ntohl(req->callback_handle), ntohl(req->create_handle), ntohl(req->sadbhandle),
           ntohl(req->static_seq_no), ntohl(req->dyn_seqno), ntohl(req->ace_index),
           ntohs(req->ivrf));
-  return not_yet(agent, request, record);
+  uint64_t flow_id = 0;
+  const ce_status_t status =
+      kestrix_proc_ins_cflow(agent, request.command, request.message_length, flow_id);
+  record.cflow.flow_handle = kestrix_bswap64(flow_id);
+  return status;
 }
 
-ce_status_t cflow_modify_log(Agent& agent, const PalRequest& request, kestrix_pal_resp_t& record) {
+ce_status_t cflow_modify(Agent& agent, const PalRequest& request, kestrix_pal_resp_t&) {
   const auto req = request.body.read_padded<kestrix_pal_update_flow_table_req>(0);
   cpa_log(LOG_DEBUG, " callbackhdl %x, create_hdl %x, sadbhdl %x, flow_handle %x",
           ntohl(req->callback_handle), ntohl(req->create_handle), ntohl(req->sadbhandle),
           static_cast<uint32_t>(kestrix_bswap64(req->flow_handle)));
-  return not_yet(agent, request, record);
+  return kestrix_proc_upd_cflow(agent, request.command, request.message_length);
 }
 
 ce_status_t ipsec_sa_delete(Agent&, const PalRequest&, kestrix_pal_resp_t&) {
@@ -111,13 +120,15 @@ const PalCommandEntry kPalCommands[] = {
               &C::p_peer_insert_req, nullptr, 0, false, true},
     /* 12 */ {plain<kestrix_pal_delete_peer_req, kestrix_proc_peer_del_req>, &C::p_peer_delete_req,
               "KESTRIX_PAL_PEER_DELETE req status %d", LOG_DEBUG, false, false},
-    /* 13 */ {not_yet, &C::p_spi_insert_req, "KESTRIX_PAL_SPI_INSERT req status %d", LOG_DEBUG, false,
+    /* 13 */ {spi_insert, &C::p_spi_insert_req, "KESTRIX_PAL_SPI_INSERT req status %d", LOG_DEBUG, false,
               true},
-    /* 14 */ {not_yet, &C::p_spi_delete_req, nullptr, 0, false, false},
-    /* 15 */ {cflow_insert_log, &C::p_cflow_insert_req, nullptr, 0, false, true},
-    /* 16 */ {cflow_modify_log, &C::p_cflow_modify_req, "KESTRIX_PAL_CFLOW_MODIFY req status %d",
+    /* 14 */ {plain<kestrix_pal_remove_spi_table_req, kestrix_proc_spi_del_req>, &C::p_spi_delete_req,
+              nullptr, 0, false, false},
+    /* 15 */ {cflow_insert, &C::p_cflow_insert_req, nullptr, 0, false, true},
+    /* 16 */ {cflow_modify, &C::p_cflow_modify_req, "KESTRIX_PAL_CFLOW_MODIFY req status %d",
               LOG_INFO, false, false},
-    /* 17 */ {not_yet, &C::p_cflow_delete_req, nullptr, 0, false, false},
+    /* 17 */ {plain<kestrix_pal_remove_flow_table_req, kestrix_proc_del_cflow>,
+              &C::p_cflow_delete_req, nullptr, 0, false, false},
     /* 18 */ {ipsec_sa_delete, nullptr, nullptr, 0, false, false},
     /* 19 */ {tbar_create, nullptr, nullptr, 0, false, false},
     /* 20 */ {tbar_update, nullptr, nullptr, 0, false, false},

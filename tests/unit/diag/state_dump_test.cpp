@@ -124,5 +124,72 @@ TEST(StateDump, PoliciesWithTheirActionsAndAces) {
       }));
 }
 
+
+TEST(StateDump, SasWithTheirActionsAndCipherRecords) {
+  auto cipher = new_record<kestrix_ce_cipher_list_t>();
+  kestrix_ce_cipher_info& c = cipher->ce_cipher;
+  c.outbound = 1;
+  c.esp_used = 1;
+  c.esp_spi = 0x5001;
+  c.source.ip_address = 0x0A000001;
+  c.dest.ip_address = 0x0A000002;
+  c.soft_time_lifetime = 3600;
+  c.support_dummy_packet = 1;
+  OutboundSaList outbound;
+  auto out = new_record<cpa_outbound_sa_t>();
+  out->sa = 0x100000061ull;
+  out->spi = 0x5001;
+  out->protocol = 50;
+  out->dest_addr.ip_address = 0x0A000002;
+  out->ace_index = 9;
+  out->outbound.action = CDH_ACTION_ENCRYPT_PACKET;
+  out->outbound.data.encrypt.sa = 0x61;
+  out->sa_info = std::move(cipher);
+  insert_node_out_sa(outbound, std::move(out));
+  InboundSaList inbound;
+  auto in = new_record<cpa_inbound_sa_t>();
+  in->sa = 0x51;
+  in->spi = 0x1234;
+  in->src_mask = 32;
+  in->fvrf = 4;
+  insert_node_inb_sa(inbound, std::move(in));  // without a cipher record: nothing printed for it
+
+  test::LogCapture log;
+  kestrix_dump_inb_sa_lst(inbound);
+  kestrix_dump_outb_sa_lst(outbound);
+  EXPECT_EQ(
+      log.lines(),
+      std::vector<test::LogLine>({
+          {I, "***INBOUND SA:"},
+          {D, "\n spi [0x1234], protocol [0], dest_addr [000.000.000.000], src_addr [000.000.000.000] "
+              "ipsec_sa [51] \nsrc_mask [32] dest_mask [0], static_seqno [0], dyn_seq_no [0]\nfvrf [4], "
+              "ace_index [0]"},
+          {D, "INBOUND action:"},
+          {D, "action: DISCARD_PACKET"},
+          {I, "***OUTBOUND SA:"},
+          {D, "\nspi [0x5001], protocol [50], dest_addr [010.000.000.002], src_addr [000.000.000.000] "
+              "sa [97]\nstatic_seqno [0], dyn_seq_no [0], ivrf [0], ace_index [9]\n"},
+          {D, "INBOUND action:"},
+          {D, "action: DISCARD_PACKET"},
+          {D, "OUTBOUND action:"},
+          {D, "action: ENCRYPT_PACKET"},
+          {D, "encrypt.sa [97], encrypt.post_encrypt_fvrf [0], dummy_generate [0] "},
+          {D, "\noutbound [1], esp_used [1],\nesp_cipher [0], esp_cipher_key_length [0],\n"
+              "esp_mac [0], esp_spi [0x5001],\nah_used [0], ah_mac [0],\nah_spi [0x0], ippcp_used [0],\n"
+              "cpi [0], antireplay_window_size [0],\nsource [010.000.000.001], dest [010.000.000.002],\n"
+              "preserve_header [0], tunnel_id [0],\nmode [0], inner_format [0],\n"
+              "outer_format [0], ipv4_df_setting [0],\nipv6_flow_label [0], do_antireplay_check [0],\n"
+              "extended_sequence_number [0], replay_enabled [0],\n"
+              "tunnel_mode [0], ipsec_inline_tagging_enabled [0],\nudp_encaps [0], udp_source_port [0],\n"
+              "udp_dest_port [0], orig_remote_ip_addr [000.000.000.000],\nctcp_encaps [0], standby [0],\n"
+              "peer_handle [0], soft_time_lifetime [3600],\nhard_time_lifetime [0], soft_volume_lifetime [0],\n"
+              "hard_volume_lifetime [0], negotiated_lifetime [0],\nsa_handle [0], prefrag_setting [0],\n"
+              "initial_mtu [0], plaintext_mtu [0],\ncmd_handle [0], qos_group [0],\n"
+              "qos_preclassify [0], HA_ipsec_update_interval [0],\n"
+              "gcm_iv_low_value [0], gcm_iv_high_value [0],\n"
+              "gcm_iv_warning_count [0], transform_negotiated_flags [0],\nsupport_dummy_packet [1]"},
+      }));
+}
+
 }  // namespace
 }  // namespace cpa
