@@ -5,66 +5,23 @@
 // while the table fills to 4095. The RP end is bound to 127.0.0.2:23456, where
 // the agent answers; driver and servers share CPU 1, so that every round trip
 // is two context switches on one CPU for every server alike.
-#include <arpa/inet.h>
-#include <sched.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/select.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <vector>
+
+#include "bench_udp.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-constexpr uint16_t kAgentPort = 23456;
+using namespace bench;
 constexpr uint16_t kEchoPort = 34567;
 constexpr uint16_t kSelectEchoPort = 34568;
-
-sockaddr_in address(const char* ip, uint16_t port) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(port);
-  inet_pton(AF_INET, ip, &a.sin_addr);
-  return a;
-}
-
-int bound_socket(const char* ip, uint16_t port) {
-  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  const int on = 1;
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in a = address(ip, port);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-    std::perror("bind");
-    std::exit(1);
-  }
-  timeval timeout{2, 0};
-  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-  return fd;
-}
-
-std::vector<uint8_t> pal(uint16_t cmd, std::vector<uint32_t> words) {
-  std::vector<uint8_t> d = {0, 0, 0, static_cast<uint8_t>(2 + 4 * words.size()),
-                            static_cast<uint8_t>(cmd >> 8), static_cast<uint8_t>(cmd)};
-  for (uint32_t w : words)
-    for (int shift = 24; shift >= 0; shift -= 8) d.push_back(static_cast<uint8_t>(w >> shift));
-  return d;
-}
-
-// One request, one answer; false on a lost answer.
-bool round_trip(int fd, const sockaddr_in& to, const std::vector<uint8_t>& request) {
-  uint8_t answer[2048];
-  sendto(fd, request.data(), request.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
-  return recv(fd, answer, sizeof answer, 0) > 0;
-}
 
 double rate(int fd, const sockaddr_in& to, const std::vector<uint8_t>& request, double seconds) {
   const auto start = Clock::now();
@@ -73,13 +30,6 @@ double rate(int fd, const sockaddr_in& to, const std::vector<uint8_t>& request, 
   while (Clock::now() < end)
     if (round_trip(fd, to, request)) ++n;
   return n / std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-void pin_to_cpu(int cpu) {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  CPU_SET(cpu, &set);
-  sched_setaffinity(0, sizeof set, &set);
 }
 
 pid_t start_echo_server(uint16_t port, bool wait_in_select) {
@@ -132,22 +82,17 @@ void compare_with_echo(int fd, double seconds) {
               agent_total / select_total);
 }
 
-// Medians per bucket, so that a stray pause of the machine does not count.
 void fill_table(int fd) {
   const sockaddr_in agent = address("127.0.0.1", kAgentPort);
   constexpr int kBucket = 512;
-  std::vector<double> bucket_us, times;
+  std::vector<double> times;
   for (uint32_t n = 1; n <= 4095; ++n) {
     const auto request = pal(1, {n, 0x100000 + n, 0});
     const auto start = Clock::now();
     round_trip(fd, agent, request);
-    times.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
-    if (n % kBucket == 0 || n == 4095) {
-      std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
-      bucket_us.push_back(times[times.size() / 2]);
-      times.clear();
-    }
+    times.push_back(microseconds_since(start));
   }
+  const std::vector<double> bucket_us = bucket_medians(times, kBucket);
   std::printf("SADB_INIT_START median round trip (us) per %d tunnels:", kBucket);
   for (double us : bucket_us) std::printf(" %.1f", us);
   std::printf("\nSADB_INIT_START last/first bucket: %.2f\n", bucket_us.back() / bucket_us.front());

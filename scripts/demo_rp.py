@@ -1,44 +1,91 @@
 #!/usr/bin/env python3
-"""Plays the RP for one tunnel's SADB life against build/ipsec_cpa."""
+"""Plays the RP for one tunnel's whole life against build/ipsec_cpa, which
+programs the fake platform kernel (build/fake_xfrm_kernel_server)."""
 
 import os
+import signal
 import sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
 import sandbox  # noqa: E402  (enters a private mount namespace)
-from rp_messages import attr_update, init_completed, init_start, sadb_delete  # noqa: E402
+from fake_kernel import FakeKernel  # noqa: E402
+from rp_messages import (ace_record, acl_modify, cflow_insert, cipher_info, create_keys,  # noqa: E402
+                         decrypt_action, delete_flow, encrypt_action, init_start, intf_attach,
+                         key_tlv, notify_actions, peer_insert, sadb_delete, spi_insert)
 
 PRIORITY = {3: "err", 4: "warning", 6: "info", 7: "debug"}
+STATUS = {0: "INTERNAL", 1: "NO_ERR", 2: "UNSUPPORTED", 3: "RESOURCES", 6: "NO_SESSION", 8: "INVALID"}
+LOCAL, REMOTE = 0x0A000001, 0x0A000002
+ACE = ace_record(1, 0x0A010000, 16, 0x0A020000, 16, protocol=6, ports=(1000, 2000))
+ESP_KEYS = key_tlv(1, bytes(range(1, 17))) + key_tlv(2, bytes(range(0x40, 0x54)))
 
 
-def hexdump(data):
-    return " ".join(f"{b:02x}" for b in data) if data is not None else "(no answer)"
+def decode(answer):
+    """One readable line: the answer's fields by its shape."""
+    if answer is None:
+        return "(no answer)"
+    kind, size, cmd = (int.from_bytes(answer[i:i + 2], "big") for i in (0, 2, 4))
+    words = answer[6:]
+    status = int.from_bytes(answer[-4:], "big")
+    middle = words[4:-4] if len(words) > 8 else b""
+    if kind == 1 and cmd == 0:  # CREATE_KEY_BY_KEYS: handle and status, then zeros
+        middle, status = b"", int.from_bytes(answer[10:14], "big")
+    extra = f" id 0x{int.from_bytes(middle, 'big'):x}" if middle else ""
+    return (f"{'CEAL' if kind else 'PAL'} {cmd} ({size} bytes): handle {words[:4].hex()}{extra} "
+            f"status {status} {STATUS.get(status, '')}")
+
+
+def steps():
+    keys = lambda index, sa, outbound, spi, src, dst: create_keys(
+        0xC0DE, index, sa, cipher_info(outbound, spi, src, dst), ESP_KEYS)
+    return [
+        ("SADB_INIT_START     create handle 0x500 -> tunnel (SADB handle) 1", init_start(0xA1, 0x500)),
+        ("SADB_INTF_ATTACH    tunnel 1 gets device svti7", intf_attach(0xA2, 1, 7)),
+        ("PEER_INSERT         peer 0x77 on tunnel 1", peer_insert(0xA3, 0x100, 0x77, 1)),
+        ("ACL_MODIFY install  10.1/16 <-> 10.2/16 tcp, notify handle 0xabcd", acl_modify(0xA4, 1, 2, ACE + notify_actions(0xABCD))),
+        ("CREATE_KEY_BY_KEYS  inbound SA 0x1001, flow 0x11, AES-128/HMAC-SHA1", keys(0x11, 0x1001, 0, 0x1111, REMOTE, LOCAL)),
+        ("CREATE_KEY_BY_KEYS  outbound SA 0x2002, flow 0x22", keys(0x22, 0x2002, 1, 0x2222, LOCAL, REMOTE)),
+        ("SPI_INSERT          SPI 0x1111 decrypts with SA 0x1001", spi_insert(0xA5, 1, 0x1111, LOCAL, REMOTE, decrypt_action(0x1001, 7))),
+        ("CFLOW_INSERT        encrypts with SA 0x2002", cflow_insert(0xA6, 1, encrypt_action(0x2002))),
+        ("DELETE_FLOW         flow 0x22", delete_flow(0xA7, 0x22)),
+        ("DELETE_FLOW         flow 0x11", delete_flow(0xA8, 0x11)),
+        ("ACL_MODIFY remove   the newest policy", acl_modify(0xA9, 1, 4)),
+        ("SADB_INTF_ATTACH    SADB handle 0: detach svti7", intf_attach(0xAA, 0, 7)),
+        ("SADB_DELETE         tunnel 1", sadb_delete(0xAB, 1)),
+    ]
 
 
 def main():
     if not sandbox.SANDBOXED:
         sys.exit("the demo needs root (it uses network and mount namespaces)")
-    agent = sandbox.Agent()
+    kernel = FakeKernel()
+    agent = sandbox.Agent("-d", "7", env=kernel.env())
     rp = sandbox.RpClient()
-    steps = [
-        ("SADB_INIT_START     callback 0xa1, create handle 0x500", init_start(0xA1, 0x500)),
-        ("SADB_INIT_COMPLETED callback 0xa2, SADB handle 1", init_completed(0xA2, 1)),
-        ("SADB_ATTR_UPDATE    callback 0xa3, attribute 5, value 7",
-         attr_update(0xA3, 1, b"\0\0\0\5", b"\0\0\0\7")),
-        ("SADB_INIT_START     callback 0xa4, same create handle (duplicate)", init_start(0xA4, 0x500)),
-        ("SADB_DELETE         callback 0xa5, SADB handle 1", sadb_delete(0xA5, 1)),
-        ("SADB_INIT_COMPLETED callback 0xa6, SADB handle 1 (gone)", init_completed(0xA6, 1)),
-    ]
     try:
-        print("RP requests and the agent's answers (status 1 = success, 6 = no such tunnel):\n")
-        for title, request in steps:
-            print(f"> {title}\n  sent     {hexdump(request)}\n  answered {hexdump(rp.request(request))}\n")
+        print("RP requests and the agent's answers:\n")
+        for number, (title, request) in enumerate(steps(), 1):
+            print(f"{number:2}. {title}\n    -> {decode(rp.request(request))}")
+            if number == 8:
+                print("\n    The fake platform kernel now holds:")
+                for line in kernel.policies() + kernel.sas():
+                    print(f"      {line}")
+                agent.signal(signal.SIGINT)
+                agent.syslog.wait_for(">>>KESTRIX OUTBOUND SAs END<<<")
+                print()
     finally:
         rp.close()
         problem = agent.stop()
-    print("The agent's syslog lines (facility local0):\n")
-    for priority, text in agent.log_lines():
-        print(f"  [{PRIORITY.get(priority, priority)}] {text.rstrip()}")
+        kernel.close()
+    print("\nKernel messages the agent sent (16 new SA, 17 delete SA, 19 new policy, 20 delete policy):\n")
+    for line in kernel.lines:
+        if line.startswith("request "):
+            print(f"  {line}")
+    print("\nThe state dump (SIGINT) after the crypto flow:\n")
+    lines = [text.rstrip() for _, text in agent.log_lines()]
+    start = next((i for i, t in enumerate(lines) if "CPA_INTERFACE_DUMP" in t), len(lines))
+    end = next((i for i, t in enumerate(lines) if "OUTBOUND SAs END" in t), len(lines))
+    for text in lines[start:end + 1]:
+        print(f"  {text}")
     if problem:
         sys.exit(problem)
 

@@ -52,14 +52,21 @@ class FakeKernel:
             raise AssertionError(f"fake kernel did not answer {line!r}")
         return [l for l in self.lines if l in ("ok", "bad command")][self.sent - 1] == "ok"
 
-    def policies(self):
-        """The fake kernel's policy table, one line per policy (see the server)."""
+    def _table(self, command, prefix):
         with self.cond:
             mark = len(self.lines)
-        if not self.command("policies"):
-            raise AssertionError("policies command refused")
+        if not self.command(command):
+            raise AssertionError(f"{command} command refused")
         with self.cond:
-            return [l for l in self.lines[mark:] if l.startswith("policy ")]
+            return [l for l in self.lines[mark:] if l.startswith(prefix)]
+
+    def policies(self):
+        """The fake kernel's policy table, one line per policy (see the server)."""
+        return self._table("policies", "policy ")
+
+    def sas(self):
+        """The fake kernel's SA table, one line per SA (see the server)."""
+        return self._table("sas", "sa ")
 
     def acquire(self, groups, reqid):
         """Multicasts an acquire for the tunnel of request id `reqid` to `groups`."""
@@ -73,14 +80,16 @@ class FakeKernel:
 
 
 class FakeKernelTestCase(AgentTestCase):
-    """Each test gets a fake kernel, an agent (-d 7) attached to it, and an RP
-    (self.rp_client) that has opened tunnel 1 (request id 1)."""
+    """Each test gets a fake kernel, an agent (`agent_args`) attached to it, and
+    an RP (self.rp_client) that has opened tunnel 1 (request id 1)."""
+
+    agent_args = ("-d", "7")
 
     def setUp(self):
         super().setUp()
         self.kernel = FakeKernel()
         self.addCleanup(self.kernel.close)
-        self.agent = self.start_agent("-d", "7", env=self.kernel.env())
+        self.agent = self.start_agent(*self.agent_args, env=self.kernel.env())
         self.assertTrue(self.kernel.wait_line("bound groups=0x0 pid=0"))
         self.assertTrue(self.kernel.wait_line("bound groups=0x8 pid=0"))
         self.rp_client = self.rp()

@@ -22,7 +22,7 @@ namespace at {
 constexpr size_t kHdr = 16;  // nlmsghdr: len 0, type 4, flags 6, seq 8, pid 12
 constexpr size_t kSelSize = 56, kSelFamily = 40;
 // xfrm_usersa_info_64
-constexpr size_t kSaSize = 224, kSaDaddr = 56, kSaSpi = 72, kSaProto = 76, kSaCurlft = 160,
+constexpr size_t kSaSize = 224, kSaDaddr = 56, kSaSpi = 72, kSaProto = 76, kSaLifeSoftAdd = 128, kSaCurlft = 160,
                  kSaReqid = 212, kSaFamily = 216, kSaMode = 218, kSaHole = 221;
 // xfrm_usersa_id followed by a source address
 constexpr size_t kSaIdSize = 40, kSaIdSpi = 16, kSaIdFamily = 20, kSaIdProto = 22, kSaIdPad = 23;
@@ -288,6 +288,34 @@ std::string describe_policy(const Message& m) {
          std::to_string(host_at<uint32_t>(m, tmpl + at::kTmplReqid));
 }
 
+std::string describe_sa(const Message& m) {
+  const size_t b = at::kHdr;
+  char text[160];
+  std::snprintf(text, sizeof text, "%u.%u.%u.%u spi=0x%x p%u reqid=%u m%u r%u life=%llu/%llu", m[b + at::kSaDaddr],
+                m[b + at::kSaDaddr + 1], m[b + at::kSaDaddr + 2], m[b + at::kSaDaddr + 3],
+                be32_at(m, b + at::kSaSpi), m[b + at::kSaProto], host_at<uint32_t>(m, b + at::kSaReqid),
+                m[b + at::kSaMode], m[b + at::kSaMode + 1],
+                static_cast<unsigned long long>(host_at<uint64_t>(m, b + at::kSaLifeSoftAdd)),
+                static_cast<unsigned long long>(host_at<uint64_t>(m, b + at::kSaLifeSoftAdd + 8)));
+  std::string line = text;
+  std::vector<Attr> attrs;
+  walk_attrs(m, b + at::kSaSize, attrs);
+  for (const Attr& a : attrs) {
+    if (a.type == kAttrSvti) {
+      line += " svti" + std::to_string(host_at<uint32_t>(m, a.pos));
+      continue;
+    }
+    const size_t header = a.type == kAttrAead ? at::kAeadSize : at::kAlgoSize;
+    line += " " + std::to_string(a.type) + "=" + reinterpret_cast<const char*>(m.data() + a.pos) + ":" +
+            std::to_string(host_at<uint32_t>(m, a.pos + at::kAlgoKeyBits)) + ":";
+    for (size_t i = a.pos + header; i < a.pos + a.len; ++i) {
+      std::snprintf(text, sizeof text, "%02x", m[i]);
+      line += text;
+    }
+  }
+  return line;
+}
+
 // ---- The fake kernel ---------------------------------------------------------
 
 struct FakeXfrmKernel::Outcome {
@@ -478,21 +506,20 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::serve_sa(uint16_t type, const Message& r
   const uint32_t daddr = host_at<uint32_t>(request, at::kHdr + (add ? at::kSaDaddr : 0));
   const uint32_t spi = host_at<uint32_t>(request, at::kHdr + (add ? at::kSaSpi : at::kSaIdSpi));
   const uint8_t proto = host_at<uint8_t>(request, at::kHdr + (add ? at::kSaProto : at::kSaIdProto));
-  auto found = std::find_if(sas_.begin(), sas_.end(), [&](const FakeSa& sa) {
-    return sa.daddr == daddr && sa.spi == spi && sa.proto == proto;
-  });
+  const auto id = std::make_tuple(daddr, spi, proto);
+  const auto found = sas_.find(id);
   int error = 0;
   if (add && proto != 50 && proto != 51)
     error = EINVAL;
   else if (add && found != sas_.end())
     error = EEXIST;
   else if (add)
-    sas_.push_back({daddr, spi, proto, host_at<uint32_t>(request, at::kHdr + at::kSaReqid),
-                    slice(request, at::kHdr, at::kSaSize)});
+    sas_[id] = {daddr, spi, proto, host_at<uint32_t>(request, at::kHdr + at::kSaReqid),
+                slice(request, at::kHdr, at::kSaSize), request};
   else if (found == sas_.end())
     error = ESRCH;
   else if (type == kGetSa)
-    return {{nl_message(kNewSa, 0, host_at<uint32_t>(request, 8), agent_pid_, found->body)}, {}};
+    return {{nl_message(kNewSa, 0, host_at<uint32_t>(request, 8), agent_pid_, found->second.body)}, {}};
   else
     sas_.erase(found);
   return {{error_answer(request, error, agent_pid_)}, {}};

@@ -19,10 +19,12 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "platform/scoped_fd.h"
@@ -39,7 +41,8 @@ struct FakeSa {
   uint32_t daddr = 0, spi = 0;  // as sent (network order)
   uint8_t proto = 0;
   uint32_t reqid = 0;
-  Message body;  // the 224-byte body as requested
+  Message body;     // the 224-byte body as requested
+  Message request;  // the whole add, attributes included
 };
 
 struct FakePolicy {
@@ -64,6 +67,10 @@ Message acquire_event(std::optional<uint32_t> reqid);
 // A policy add or get/delete request in one line, read at the platform's offsets:
 // "type dir action|index src/prefix:port>dst/prefix:port proto svti [index template]".
 std::string describe_policy(const Message& m);
+// An SA add in one line, read at the platform's offsets: "destination spi=0x..
+// p<proto> reqid=<n> m<mode> r<replay window> life=<soft>/<hard> svti<index>",
+// then each algorithm as " <attr>=<name>:<key bits>:<key hex>".
+std::string describe_sa(const Message& m);
 
 class FakeXfrmKernel {
  public:
@@ -93,7 +100,12 @@ class FakeXfrmKernel {
   std::vector<Message> requests() const { return locked(requests_); }
   // What broke the platform's layouts (each such request was refused with EINVAL).
   std::vector<std::string> violations() const { return locked(violations_); }
-  std::vector<FakeSa> sas() const { return locked(sas_); }
+  std::vector<FakeSa> sas() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<FakeSa> all;
+    for (const auto& [id, sa] : sas_) all.push_back(sa);
+    return all;
+  }
   std::vector<FakePolicy> policies() const { return locked(policies_); }
 
   // Told of every bind, request and violation, on the serving thread.
@@ -139,7 +151,8 @@ class FakeXfrmKernel {
   std::deque<Script> scripts_;
   std::vector<Message> requests_;
   std::vector<std::string> violations_;
-  std::vector<FakeSa> sas_;
+  // By destination, SPI and protocol, so that a full table answers as fast as an empty one.
+  std::map<std::tuple<uint32_t, uint32_t, uint8_t>, FakeSa> sas_;
   std::vector<FakePolicy> policies_;
   std::function<void(const std::string&)> observer_;
   ScopedFd wake_;
