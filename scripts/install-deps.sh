@@ -5,7 +5,7 @@
 set -euo pipefail
 
 build_packages=(cmake ninja-build g++ iproute2 python3)
-test_packages=(googletest libgtest-dev libgmock-dev clang libclang-rt-14-dev g++-multilib)
+test_packages=(googletest libgtest-dev libgmock-dev clang libclang-rt-14-dev g++-multilib tshark)
 
 case "${1:-build}" in
   build) wanted=("${build_packages[@]}") ;;
@@ -20,6 +20,8 @@ done
 if ((${#missing[@]})); then
   echo "installing: ${missing[*]}"
   export DEBIAN_FRONTEND=noninteractive
+  # tshark would otherwise ask whether to install dumpcap setuid.
+  echo "wireshark-common wireshark-common/install-setuid boolean false" | debconf-set-selections
   apt-get update -qq
   apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
