@@ -5,7 +5,9 @@
 set -euo pipefail
 
 build_packages=(cmake ninja-build g++ iproute2 python3)
-test_packages=(googletest libgtest-dev libgmock-dev clang libclang-rt-14-dev g++-multilib tshark)
+# systemd and groff-base check the installed unit and manuals.
+test_packages=(googletest libgtest-dev libgmock-dev clang libclang-rt-14-dev g++-multilib tshark
+               systemd groff-base)
 
 case "${1:-build}" in
   build) wanted=("${build_packages[@]}") ;;

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what the tests need, builds every flavour and runs every test:
 # unit tests plain and under ASan+UBSan, the end-to-end suite against both
-# agent binaries, and each fuzz target for a bounded time. Run as root.
+# agent binaries, the installation, and each fuzz target for a bounded time.
+# Run as root.
 # CPA_FUZZ_SECONDS sets the time per fuzz target (default: 60 s for the
 # datagram dispatch target, which reaches every handler, 30 s for the others).
 set -euo pipefail
@@ -27,6 +28,9 @@ step "end-to-end (plain agent)"
 (cd tests/e2e && CPA_BINARY="$PWD/../../build/ipsec_cpa" "$python" -m unittest discover -s . -p 'test_*.py')
 step "end-to-end (ASan+UBSan agent)"
 (cd tests/e2e && CPA_BINARY="$PWD/../../build-asan/ipsec_cpa" "$python" -m unittest discover -s . -p 'test_*.py')
+
+step "install: scratch DESTDIR, service unit, manuals, Debian package"
+bash tests/install/test_install.sh build
 
 for fuzzer in build-fuzz/*_fuzzer; do
   default_seconds=30

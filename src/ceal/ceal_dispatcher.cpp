@@ -34,7 +34,7 @@ struct CealApi {
 
 using C = cpa_ceal_ctr_t;
 const CealApi kCealApis[] = {
-    {281, &C::c_create_key_req, ceal_create_key_by_keys},      // CREATE_KEY_BY_KEYS
+    {281, &C::c_create_key_req, ceal_create_key_by_keys},     // CREATE_KEY_BY_KEYS
     {22, &C::c_flow_stats_req, not_yet_supported<8, 18>},     // FLOW_STATS
     {36, &C::c_sadb_stats_req, not_yet_supported<10, 0>},     // IVRF_SADB_STATS
     {128, &C::c_global_stats_req, not_yet_supported<10, 0>},  // IVRF_GLOBAL_STATS

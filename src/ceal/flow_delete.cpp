@@ -20,16 +20,18 @@ void delete_kernel_sa(Agent& agent, const Sa& sa, cpa_netlink_ctr_t& counter) {
 void delete_inbound(Agent& agent, cpa_interface_t& tunnel, const cpa_inbound_sa_t& sa) {
   delete_kernel_sa(agent, sa, agent.counters.netlink_dbg_ctrs.n_inbound_sa_del);
   char dest[16];
-  cpa_log(LOG_DEBUG, "DELETED INB SA: FLOWID(ipsec_index) [%d], IPSEC_SA [0x%x], \nSPI [0x%x], DEST [%s], PROTO [%d]",
-          sa.sa_info->ipsec_index, sa.sa_info->ipsec_sa, sa.spi, kestrix_num2ip4(sa.dest_addr.ip_address, dest),
-          sa.protocol);
+  cpa_log(LOG_DEBUG,
+          "DELETED INB SA: FLOWID(ipsec_index) [%d], IPSEC_SA [0x%x], \nSPI [0x%x], DEST [%s], PROTO [%d]",
+          sa.sa_info->ipsec_index, sa.sa_info->ipsec_sa, sa.spi,
+          kestrix_num2ip4(sa.dest_addr.ip_address, dest), sa.protocol);
   delete_node_in_sa(tunnel.inb_sa_list, &sa);  // releases its cipher record with it
 }
 
 void delete_outbound(Agent& agent, cpa_interface_t& tunnel, const cpa_outbound_sa_t& sa) {
   delete_kernel_sa(agent, sa, agent.counters.netlink_dbg_ctrs.n_outbound_sa_del);
   char dest[16];
-  cpa_log(LOG_DEBUG, "DELETED OUTB SA: FLOWID(ipsec_index) [%d] IPSEC_SA [0x%lx], SPI [0x%x], DEST [%s], PROTO [%d]",
+  cpa_log(LOG_DEBUG,
+          "DELETED OUTB SA: FLOWID(ipsec_index) [%d] IPSEC_SA [0x%lx], SPI [0x%x], DEST [%s], PROTO [%d]",
           sa.sa_info->ipsec_index, static_cast<unsigned long>(sa.sa_info->ipsec_sa), sa.spi,
           kestrix_num2ip4(sa.dest_addr.ip_address, dest), sa.protocol);
   delete_node_out_sa(tunnel.outb_sa_list, &sa);

@@ -170,7 +170,8 @@ uint16_t ceal_key_len(uint16_t message_length) {
 
 // A key of unknown type is stepped over by its length, so that a newer kind
 // of key does not hide the ones after it.
-bool kestrix_ceal_fetch_keyinfo(ReceivedBytes key_area, kestrix_ce_cipher_list_t& cipher, uint16_t ceal_key_len) {
+bool kestrix_ceal_fetch_keyinfo(ReceivedBytes key_area, kestrix_ce_cipher_list_t& cipher,
+                                uint16_t ceal_key_len) {
   cpa_log(LOG_DEBUG, "ceal_key_len %d", ceal_key_len);
   if (ceal_key_len == 0) return false;
   KeyParse keys(key_area.slice(0, ceal_key_len), ceal_key_len);

@@ -23,7 +23,8 @@ uint16_t ceal_key_len(uint16_t message_length);
 // Stores the key TLVs of `key_area` (the received bytes from the key area's
 // start) into `cipher`, reading at most `ceal_key_len` bytes. True when the
 // keys ended right after the ESP cipher key although an ESP MAC is configured.
-bool kestrix_ceal_fetch_keyinfo(ReceivedBytes key_area, kestrix_ce_cipher_list_t& cipher, uint16_t ceal_key_len);
+bool kestrix_ceal_fetch_keyinfo(ReceivedBytes key_area, kestrix_ce_cipher_list_t& cipher,
+                                uint16_t ceal_key_len);
 
 // CEAL body handler of CREATE_KEY_BY_KEYS.
 int ceal_create_key_by_keys(Agent& agent, ReceivedBytes msg, std::vector<uint8_t>& response);

@@ -39,6 +39,19 @@ void dump_ipv4_selector(const kestrix_crypto_ace_ipv4& ip4) {
           kestrix_num2ip4(ip4.remote_addr, remote), ip4.remote_mask, ip4.protocol, ip4.any_port);
 }
 
+template <class Sa>
+void dump_sa_list(const ObjectList<Sa>& list, const char* empty, const char* title,
+                  void (*dump)(const Sa&)) {
+  if (list.empty()) {
+    cpa_log(LOG_DEBUG, "%s", empty);
+    return;
+  }
+  for (const Sa& sa : list) {
+    cpa_log(LOG_INFO, "%s", title);
+    dump(sa);
+  }
+}
+
 }  // namespace
 
 void kestrix_dump_cpa_intf(const cpa_interface_t* cpa_elem, int i) {
@@ -129,14 +142,7 @@ void kestrix_dump_action(const kestrix_cdh_action& act) {
 }
 
 void kestrix_dump_inb_sa_lst(const InboundSaList& sa) {
-  if (sa.empty()) {
-    cpa_log(LOG_DEBUG, "No Inbound SAs in list to display!");
-    return;
-  }
-  for (const cpa_inbound_sa_t& entry : sa) {
-    cpa_log(LOG_INFO, "***INBOUND SA:");
-    kestrix_dump_inb_sa(entry);
-  }
+  dump_sa_list(sa, "No Inbound SAs in list to display!", "***INBOUND SA:", kestrix_dump_inb_sa);
 }
 
 void kestrix_dump_inb_sa(const cpa_inbound_sa_t& sa) {
@@ -154,14 +160,7 @@ void kestrix_dump_inb_sa(const cpa_inbound_sa_t& sa) {
 }
 
 void kestrix_dump_outb_sa_lst(const OutboundSaList& sa) {
-  if (sa.empty()) {
-    cpa_log(LOG_DEBUG, "No Outbound SAs in list to display!");
-    return;
-  }
-  for (const cpa_outbound_sa_t& entry : sa) {
-    cpa_log(LOG_INFO, "***OUTBOUND SA:");
-    kestrix_dump_outb_sa(entry);
-  }
+  dump_sa_list(sa, "No Outbound SAs in list to display!", "***OUTBOUND SA:", kestrix_dump_outb_sa);
 }
 
 void kestrix_dump_outb_sa(const cpa_outbound_sa_t& sa) {

@@ -109,7 +109,8 @@ ce_status_t kestrix_alloc_set_policy(const ReceivedBytes& req, size_t req_buf_le
 
   const ce_status_t walked =
       walk_record_stream(req, kAclStreamOffset, req_buf_len, "ACL_UPDATE",
-                         [&](const StreamRecord& record) { return add_record(record, *policy); });
+                         [&](const StreamRecord& record) { return add_record(record, *policy); })
+          .status;
   if (walked != CRYPTO_NO_ERR) return walked;
   *ipsec_policy = std::move(policy);
   return CRYPTO_NO_ERR;

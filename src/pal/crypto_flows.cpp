@@ -138,10 +138,11 @@ ce_status_t add_flow(Agent& agent, const FlowRequest& kind, const ReceivedBytes&
                      size_t req_buf_len, cpa_interface_t& tunnel,
                      std::unique_ptr<cpa_outbound_sa_t> sa, uint64_t* flow_id) {
   bool decoded = false;
-  const ce_status_t walked = walk_record_stream(
+  const StreamWalk walk = walk_record_stream(
       req, kind.stream_offset, req_buf_len, kind.who,
       [&](const StreamRecord& record) { return read_flow_record(kind, record, *sa, decoded); });
-  if (walked != CRYPTO_NO_ERR || !decoded) return flow_failed(kind);
+  if (walk.truncated) return walk.status;  // the record's line says why
+  if (walk.status != CRYPTO_NO_ERR || !decoded) return flow_failed(kind);
   const uint64_t flow = sa->outbound.data.encrypt.sa;
   if (kestrix_cipher_info_alloc_get(agent.cipher_info_list, &sa->outbound, &sa->sa_info) != 0) {
     if (flow_id) {

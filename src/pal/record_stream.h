@@ -34,6 +34,13 @@ using RecordOutcome = std::optional<ce_status_t>;
 std::optional<StreamRecord> read_stream_record(const ReceivedBytes& stream, size_t offset,
                                                const char* who);
 
+// How a walk ended: the status of the request so far, and whether a record
+// did not fit (its LOG_ERR line is then the only one the request logs).
+struct StreamWalk {
+  ce_status_t status = CRYPTO_NO_ERR;
+  bool truncated = false;
+};
+
 // Walks the records of `req` (the PAL command from `pal_api_type` on) from
 // `start` while the cursor lies before `req_buf_len` (message_length). A
 // record that starts before message_length but does not fit fails the walk
@@ -41,18 +48,18 @@ std::optional<StreamRecord> read_stream_record(const ReceivedBytes& stream, size
 // arrived. An unknown kind is handed to `visit` for its log line and always
 // fails the walk, since its size is unknown.
 template <class Visit>
-ce_status_t walk_record_stream(const ReceivedBytes& req, size_t start, size_t req_buf_len,
-                               const char* who, Visit&& visit) {
+StreamWalk walk_record_stream(const ReceivedBytes& req, size_t start, size_t req_buf_len,
+                              const char* who, Visit&& visit) {
   const ReceivedBytes stream = req.slice(0, req_buf_len);
   for (size_t offset = start; offset < req_buf_len;) {
     const std::optional<StreamRecord> record = read_stream_record(stream, offset, who);
-    if (!record) return CRYPTO_ERR_INVALID;
+    if (!record) return {CRYPTO_ERR_INVALID, true};
     const RecordOutcome outcome = visit(*record);
-    if (record->size == 0) return CRYPTO_ERR_INVALID;
-    if (outcome) return *outcome;
+    if (record->size == 0) return {CRYPTO_ERR_INVALID};
+    if (outcome) return {*outcome};
     offset += record->size;
   }
-  return CRYPTO_NO_ERR;
+  return {};
 }
 
 // The SA handle an action record carries (its first data word), host order.

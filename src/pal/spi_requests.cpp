@@ -81,12 +81,15 @@ RecordOutcome read_spi_record(const StreamRecord& record, cpa_inbound_sa_t& sa, 
   }
 }
 
-bool read_decrypt_action(const ReceivedBytes& req, size_t req_buf_len, cpa_inbound_sa_t& sa) {
+// The decrypt action of the stream goes to `sa.action`. CRYPTO_NO_ERR when
+// there is one; a record cut short has already logged why.
+StreamWalk read_decrypt_action(const ReceivedBytes& req, size_t req_buf_len, cpa_inbound_sa_t& sa) {
   bool decoded = false;
-  const ce_status_t walked =
+  StreamWalk walk =
       walk_record_stream(req, kSpiStreamOffset, req_buf_len, "INSERT SPI",
                          [&](const StreamRecord& record) { return read_spi_record(record, sa, decoded); });
-  return walked == CRYPTO_NO_ERR && decoded;
+  if (walk.status == CRYPTO_NO_ERR && !decoded) walk.status = CRYPTO_ERR_INVALID;
+  return walk;
 }
 
 // The new record and any cipher record it claimed are released by the caller's scope.
@@ -143,7 +146,9 @@ ce_status_t kestrix_alloc_ins_spi_sa(Agent& agent, const ReceivedBytes& req, siz
     return CRYPTO_ERR_RESOURCES;
   }
   fill_from_request(*sa, fixed_part(req).value);
-  if (!read_decrypt_action(req, req_buf_len, *sa)) return insert_failed();
+  const StreamWalk walk = read_decrypt_action(req, req_buf_len, *sa);
+  if (walk.truncated) return walk.status;
+  if (walk.status != CRYPTO_NO_ERR) return insert_failed();
   const uint32_t flow = sa->action.data.decrypt.sa;
   // Without waiting key material the SA was installed by an earlier insert
   // (or its keys never came): the RP still gets its flow id.

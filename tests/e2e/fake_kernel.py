@@ -79,6 +79,17 @@ class FakeKernel:
         self.proc.stdout.close()
 
 
+def agent_on_fake_kernel(test, *args):
+    """A fake kernel and an agent (`args`, by default -d 7) attached to it, both
+    stopped with the test."""
+    kernel = FakeKernel()
+    test.addCleanup(kernel.close)
+    agent = test.start_agent(*(args or ("-d", "7")), env=kernel.env())
+    test.assertTrue(kernel.wait_line("bound groups=0x0 pid=0"))
+    test.assertTrue(kernel.wait_line("bound groups=0x8 pid=0"))
+    return kernel, agent
+
+
 class FakeKernelTestCase(AgentTestCase):
     """Each test gets a fake kernel, an agent (`agent_args`) attached to it, and
     an RP (self.rp_client) that has opened tunnel 1 (request id 1)."""
@@ -87,10 +98,6 @@ class FakeKernelTestCase(AgentTestCase):
 
     def setUp(self):
         super().setUp()
-        self.kernel = FakeKernel()
-        self.addCleanup(self.kernel.close)
-        self.agent = self.start_agent(*self.agent_args, env=self.kernel.env())
-        self.assertTrue(self.kernel.wait_line("bound groups=0x0 pid=0"))
-        self.assertTrue(self.kernel.wait_line("bound groups=0x8 pid=0"))
+        self.kernel, self.agent = agent_on_fake_kernel(self, *self.agent_args)
         self.rp_client = self.rp()
         self.assertEqual(len(self.rp_client.request(init_start(1, 0x100))), 18)
