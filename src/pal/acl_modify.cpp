@@ -8,6 +8,7 @@
 #include "diag/log.h"
 #include "pal/acl_policy.h"
 #include "pal/policy_sync.h"
+#include "pal/unit_test_hooks.h"
 
 namespace cpa {
 namespace {
@@ -92,6 +93,7 @@ ce_status_t kestrix_acl_proc_insert_replace(Agent& agent, const ReceivedBytes& r
   insert_node_policy(tunnel.head_policy, std::move(policy));
   cpa_log(LOG_DEBUG, "NEW policy 0x%x, ace_entry  0x%x", added, first_ace);
   cpa_log(LOG_DEBUG, "head policy 0x%x ", log_addr(tunnel.head_policy.head()));
+  if (agent.settings.g_unit_test_on) kestrix_ut_acl_insert_tests(agent, tunnel);
   return CRYPTO_NO_ERR;
 }
 

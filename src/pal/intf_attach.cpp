@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include "diag/log.h"
+#include "pal/unit_test_hooks.h"
 #include "platform/tunnel_devices.h"
 
 namespace cpa {
@@ -22,8 +23,10 @@ ce_status_t attach(Agent& agent, const kestrix_pal_attach_sadb_req& req) {
     if (agent.tunnels.at(slot)->tunnelid == tunnel_id)
       cpa_log(LOG_INFO, "Duplicate tunnel ID %dSADB handle [%d] status sent- success", tunnel_id,
               sadb);
-    else
+    else {
       status = kestrix_intf_svti_create_attach(agent, req, slot);
+      if (agent.settings.g_unit_test_on) kestrix_ut_send_cipher_info(agent, agent.tunnels.at(slot)->tunnelid);
+    }
   }
   pal_cmd_dbg_count(agent.counters, KESTRIX_PAL_SADB_INTF_ATTACH, status, kSubcmdAttach);
   return status;
@@ -34,9 +37,11 @@ ce_status_t detach(Agent& agent, const kestrix_pal_attach_sadb_req& req) {
   ++agent.counters.dbg_ctrs.p_intf_detach_req;
   const uint32_t tunnel_id = ntohl(req.tunnel_id);
   uint32_t slot = 0;
-  if (agent.tunnels.kestrix_db_lookup_tunid(tunnel_id, &slot) == CRYPTO_NO_ERR &&
-      kestrix_intf_svti_del(agent, tunnel_id) == CRYPTO_NO_ERR)
-    agent.tunnels.at(slot)->tunnelid = kUnattachedTunnel;
+  if (agent.tunnels.kestrix_db_lookup_tunid(tunnel_id, &slot) == CRYPTO_NO_ERR) {
+    cpa_interface_t& tunnel = *agent.tunnels.at(slot);
+    if (agent.settings.g_unit_test_on) kestrix_ut_detach_tests(agent, tunnel);
+    if (kestrix_intf_svti_del(agent, tunnel_id) == CRYPTO_NO_ERR) tunnel.tunnelid = kUnattachedTunnel;
+  }
   pal_cmd_dbg_count(agent.counters, KESTRIX_PAL_SADB_INTF_ATTACH, CRYPTO_NO_ERR, kSubcmdDetach);
   return CRYPTO_NO_ERR;
 }

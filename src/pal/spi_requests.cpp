@@ -10,6 +10,7 @@
 #include "pal/policy_sync.h"
 #include "pal/record_stream.h"
 #include "pal/tunnel_request.h"
+#include "pal/unit_test_hooks.h"
 #include "state/cipher_claim.h"
 
 namespace cpa {
@@ -123,7 +124,10 @@ ce_status_t kestrix_proc_spi_insert_req(Agent& agent, const ReceivedBytes& req, 
   log_request(fixed.value);
   uint32_t index = 0;
   ce_status_t status = agent.tunnels.sadb_lookup(sadb, &index);
-  if (status == CRYPTO_NO_ERR) status = kestrix_alloc_ins_spi_sa(agent, req, len, index, flow_id);
+  if (status == CRYPTO_NO_ERR) {
+    status = kestrix_alloc_ins_spi_sa(agent, req, len, index, flow_id);
+    if (agent.settings.g_unit_test_on) kestrix_proc_ins_cflow_test(agent, *agent.tunnels.at(index));
+  }
   agent.trace.pal_cmd_print(KESTRIX_PAL_SPI_INSERT, callback, sadb, 1, status);
   return status;
 }
@@ -171,7 +175,11 @@ ce_status_t kestrix_proc_spi_del_req(Agent& agent,
     return CRYPTO_ERR_INVALID;
   }
   return for_tunnel_traced(agent, KESTRIX_PAL_SPI_DELETE, ntohl(req->callback_handle),
-                           ntohl(req->sadbhandle), [](uint32_t) { return CRYPTO_NO_ERR; });
+                           ntohl(req->sadbhandle), [&](uint32_t index) {
+                             if (agent.settings.g_unit_test_on)
+                               kestrix_proc_del_cflow_test(agent, *agent.tunnels.at(index));
+                             return CRYPTO_NO_ERR;
+                           });
 }
 
 }  // namespace cpa
