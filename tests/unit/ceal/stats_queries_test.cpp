@@ -242,7 +242,7 @@ TEST(StatsQueriesInLinuxMode, CountersComeFromTheKernelsSas) {
   ahead = 0;
   answer_next_get(2500, 25, 3, 4);
   answer_next_get(7000, 70, 0, 0);
-  const auto global = t.exchange(ceal(3, Bytes().be32(0xCA11).be16(7).be32(0xE4)));
+  const auto global = t.exchange(ceal_request(3, Bytes().be32(0xCA11).be16(7).be32(0xE4)));
   // Bytes are 64-bit: their low word is 4 bytes into the field.
   EXPECT_EQ(std::tuple(be32_at(in, stats_of(0) + 4), be32_at(in, stats_of(0) + 32), be32_at(in, stats_of(0) + 40),
                        be32_at(in, stats_of(0) + 48), be32_at(in, stats_of(0) + 64)),
