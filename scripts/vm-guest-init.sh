@@ -14,6 +14,11 @@ mount -t tmpfs -o mode=1777 tmpfs /dev/shm
 mount -t 9p -o trans=virtio,version=9p2000.L cpashare /run/cpa-share
 share=/run/cpa-share
 : >"$share/booted"
+# The repository may sit under a place the tmpfs above just covered (a clone
+# in /tmp): it comes again on its own share, at its own path.
+repo=$(cat "$share/repo")
+mkdir -p "$repo" 2>/dev/null
+mount -t 9p -o trans=virtio,version=9p2000.L,ro cparepo "$repo"
 
 # The crypto algorithms are not pulled in by the first ESP SA on their own.
 for m in esp4 xfrm_user xfrm_interface veth af_packet \

@@ -86,6 +86,7 @@ share=$(mktemp -d "$cache/run.XXXXXX")
 trap 'rm -rf "$share"' EXIT
 printf '%q ' "$@" >"$share/command"
 echo "$caller_dir" >"$share/cwd"
+echo "$repo" >"$share/repo"
 for name in ${!CPA_@}; do printf 'export %s=%q\n' "$name" "${!name}"; done >"$share/env"
 
 # Emulation on busy cores is slow: no_timer_check keeps the kernel from panicking
@@ -98,6 +99,7 @@ timeout --foreground -k 5 "$timeout_s" qemu-system-x86_64 \
   -append "console=ttyS0 quiet loglevel=3 panic=-1 oops=panic no_timer_check cryptomgr.notests=1 rdinit=/init" \
   -virtfs "local,path=/,mount_tag=hostroot,security_model=passthrough,readonly=on,multidevs=remap" \
   -virtfs "local,path=$share,mount_tag=cpashare,security_model=passthrough,multidevs=remap" \
+  -virtfs "local,path=$repo,mount_tag=cparepo,security_model=passthrough,readonly=on,multidevs=remap" \
   -serial stdio </dev/null
 qemu_status=$?
 set -e
