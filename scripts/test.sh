@@ -4,7 +4,7 @@
 # agent binaries, the installation, the two-host test on a stock kernel in a
 # virtual machine, and each fuzz target for a bounded time. Run as root.
 # CPA_FUZZ_SECONDS sets the time per fuzz target (default: 60 s for the
-# datagram dispatch target, which reaches every handler, 30 s for the others).
+# datagram dispatch target, which reaches every handler, 20 s for the others).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 python=$(command -v /usr/bin/python3 || command -v python3)
@@ -36,7 +36,7 @@ step "real kernel: two hosts in a virtual machine"
 bash scripts/vm-test.sh --with-agent
 
 for fuzzer in build-fuzz/*_fuzzer; do
-  default_seconds=30
+  default_seconds=20
   [[ $fuzzer == */datagram_dispatch_fuzzer ]] && default_seconds=60
   fuzz_seconds=${CPA_FUZZ_SECONDS:-$default_seconds}
   step "fuzz: $(basename "$fuzzer") for ${fuzz_seconds}s"
