@@ -2,7 +2,7 @@
 """Runs the load drivers in sandboxes of their own: rp_load_driver against the
 agent (started with -d 3), then sa_setup_driver against an agent attached to
 the fake platform kernel and against its reference. Root only.
-Usage: run_bench.py [seconds for the echo comparison]"""
+Usage: run_bench.py [seconds for the echo comparison] | --sa-only"""
 
 import os
 import re
@@ -54,7 +54,8 @@ def sa_setup():
 def main():
     if not sandbox.SANDBOXED:
         sys.exit("run_bench.py needs root")
-    print(run_with_agent([f"{BUILD}/rp_load_driver", *sys.argv[1:]]), end="")
+    if "--sa-only" not in sys.argv:
+        print(run_with_agent([f"{BUILD}/rp_load_driver", *sys.argv[1:]]), end="")
     sa_setup()
 
 

@@ -125,8 +125,9 @@ pid_t start_reference(const char* kernel_path, std::vector<uint8_t> sa_add) {
   }
 }
 
-// Sets up one SA per tunnel; false when a SPI insert was not answered with success.
-bool set_up_sas(int fd, const sockaddr_in& to, uint32_t first_spi) {
+// Sets up one SA per tunnel; false when `check` and a SPI insert was not
+// answered with success (the reference only echoes).
+bool set_up_sas(int fd, const sockaddr_in& to, uint32_t first_spi, bool check) {
   std::vector<double> times;
   uint8_t answer[2048];
   uint32_t failures = 0;
@@ -137,7 +138,7 @@ bool set_up_sas(int fd, const sockaddr_in& to, uint32_t first_spi) {
     round_trip(fd, to, keys, answer);
     const ssize_t n = round_trip(fd, to, insert, answer);
     times.push_back(microseconds_since(start));
-    if (n < 4 || answer[n - 1] != 1) ++failures;
+    if (check && (n < 4 || answer[n - 1] != 1)) ++failures;
   }
   std::printf("SA set-ups/s: %.0f\n", kTunnels / (microseconds_since(all) / 1e6));
   const std::vector<double> medians = bucket_medians(times, 512);
@@ -162,11 +163,11 @@ int main(int argc, char* argv[]) {
   if (mode == "agent") {
     const sockaddr_in agent = address("127.0.0.1", kAgentPort);
     for (uint32_t t = 1; t <= kTunnels; ++t) round_trip(fd, agent, pal(1, {t, 0x200000 + t, 0}));
-    ok = set_up_sas(fd, agent, 0x10000);
+    ok = set_up_sas(fd, agent, 0x10000, true);
   } else {
     const pid_t server = start_reference(argv[2], from_hex(argv[3]));
     usleep(100000);
-    ok = set_up_sas(fd, address("127.0.0.1", kReferencePort), 0x20000);
+    ok = set_up_sas(fd, address("127.0.0.1", kReferencePort), 0x20000, false);
     kill(server, SIGKILL);
     waitpid(server, nullptr, 0);
   }
