@@ -1,23 +1,32 @@
 #!/usr/bin/env python3
 """Plays the RP for one tunnel's whole life against build/ipsec_cpa, which
-programs the fake platform kernel (build/fake_xfrm_kernel_server)."""
+programs the fake platform kernel (build/fake_xfrm_kernel_server) and reads
+its flows' counters from a fast-path segment this script writes."""
 
 import os
 import signal
+import subprocess
 import sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
 import sandbox  # noqa: E402  (enters a private mount namespace)
 from fake_kernel import FakeKernel  # noqa: E402
 from rp_messages import (ace_record, acl_modify, cflow_insert, cipher_info, create_keys,  # noqa: E402
-                         decrypt_action, delete_flow, encrypt_action, init_start, intf_attach,
-                         key_tlv, notify_actions, peer_insert, sadb_delete, spi_insert)
+                         decrypt_action, delete_flow, encrypt_action, flow_stats, init_start,
+                         intf_attach, key_tlv, notify_actions, peer_insert, sadb_delete, spi_insert)
 
 PRIORITY = {3: "err", 4: "warning", 6: "info", 7: "debug"}
 STATUS = {0: "INTERNAL", 1: "NO_ERR", 2: "UNSUPPORTED", 3: "RESOURCES", 6: "NO_SESSION", 8: "INVALID"}
 LOCAL, REMOTE = 0x0A000001, 0x0A000002
 ACE = ace_record(1, 0x0A010000, 16, 0x0A020000, 16, protocol=6, ports=(1000, 2000))
 ESP_KEYS = key_tlv(1, bytes(range(1, 17))) + key_tlv(2, bytes(range(0x40, 0x54)))
+# The fast path's view of the two SAs: its entries by SPI, destination and
+# protocol, with counters spread over cores 0 and 5 (the agent sums all 128).
+SEGMENT_ARGS = ["--sa", "1", "0x1111", "10.0.0.1", "50", "--sa", "2", "0x2222", "10.0.0.2", "50",
+                "--sa-counter", "1", "0", "in_sa_bytes", "1000", "--sa-counter", "1", "5", "in_sa_bytes", "500",
+                "--sa-counter", "1", "0", "in_sa_packets", "3", "--sa-counter", "2", "0", "out_sa_bytes", "4200",
+                "--sa-counter", "2", "5", "out_sa_packets", "7"]
+FLOW_COUNTERS = (("in bytes", 0, 8), ("in packets", 32, 4), ("out bytes", 192, 8), ("out packets", 224, 4))
 
 
 def decode(answer):
@@ -28,11 +37,22 @@ def decode(answer):
     words = answer[6:]
     status = int.from_bytes(answer[-4:], "big")
     middle = words[4:-4] if len(words) > 8 else b""
-    if kind == 1 and cmd == 0:  # CREATE_KEY_BY_KEYS: handle and status, then zeros
-        middle, status = b"", int.from_bytes(answer[10:14], "big")
+    if kind == 1 and cmd in (0, 1):  # CREATE_KEY_BY_KEYS, FLOW_STATS: the status, then more
+        status_at = 10 if cmd == 0 else 18
+        middle, status = b"", int.from_bytes(answer[status_at:status_at + 4], "big")
     extra = f" id 0x{int.from_bytes(middle, 'big'):x}" if middle else ""
     return (f"{'CEAL' if kind else 'PAL'} {cmd} ({size} bytes): handle {words[:4].hex()}{extra} "
             f"status {status} {STATUS.get(status, '')}")
+
+
+def flow_counters(answer):
+    """The in and out counters of each flow of a FLOW_STATS answer."""
+    lines = []
+    for at in range(22, len(answer) - 455, 456):
+        stats = answer[at + 16:at + 456]
+        values = ", ".join(f"{name} {int.from_bytes(stats[o:o + n], 'big')}" for name, o, n in FLOW_COUNTERS)
+        lines.append(f"flow 0x{int.from_bytes(answer[at:at + 4], 'big'):x}: {values}")
+    return lines
 
 
 def steps():
@@ -47,7 +67,8 @@ def steps():
         ("CREATE_KEY_BY_KEYS  outbound SA 0x2002, flow 0x22", keys(0x22, 0x2002, 1, 0x2222, LOCAL, REMOTE)),
         ("SPI_INSERT          SPI 0x1111 decrypts with SA 0x1001", spi_insert(0xA5, 1, 0x1111, LOCAL, REMOTE, decrypt_action(0x1001, 7))),
         ("CFLOW_INSERT        encrypts with SA 0x2002", cflow_insert(0xA6, 1, encrypt_action(0x2002))),
-        ("DELETE_FLOW         flow 0x22", delete_flow(0xA7, 0x22)),
+        ("FLOW_STATS          flows 0x11 (inbound) and 0x22 (outbound)", flow_stats(0xA7, [(0x11, True), (0x22, False)])),
+        ("DELETE_FLOW         flow 0x22", delete_flow(0xAC, 0x22)),
         ("DELETE_FLOW         flow 0x11", delete_flow(0xA8, 0x11)),
         ("ACL_MODIFY remove   the newest policy", acl_modify(0xA9, 1, 4)),
         ("SADB_INTF_ATTACH    SADB handle 0: detach svti7", intf_attach(0xAA, 0, 7)),
@@ -58,13 +79,19 @@ def steps():
 def main():
     if not sandbox.SANDBOXED:
         sys.exit("the demo needs root (it uses network and mount namespaces)")
+    subprocess.run([sys.executable, os.path.join(sandbox.REPO, "tests", "tools", "fp_segment.py"),
+                    "--path", "/dev/shm/fp-shared", *SEGMENT_ARGS], check=True)
     kernel = FakeKernel()
     agent = sandbox.Agent("-d", "7", env=kernel.env())
     rp = sandbox.RpClient()
     try:
         print("RP requests and the agent's answers:\n")
         for number, (title, request) in enumerate(steps(), 1):
-            print(f"{number:2}. {title}\n    -> {decode(rp.request(request))}")
+            answer = rp.request(request)
+            print(f"{number:2}. {title}\n    -> {decode(answer)}")
+            if request[5] == 1 and request[1] == 1:  # FLOW_STATS: the counters the fast path keeps
+                for line in flow_counters(answer):
+                    print(f"       {line}")
             if number == 8:
                 print("\n    The fake platform kernel now holds:")
                 for line in kernel.policies() + kernel.sas():
