@@ -12,6 +12,6 @@ bash scripts/install-deps.sh build
 bash scripts/build.sh agent
 if [ "${1:-}" = "--linux" ]; then
   shift
-  exec bash scripts/vm-run.sh /usr/bin/python3 tests/vm/two_hosts.py --demo --only-agent "$@"
+  exec bash scripts/vm-run.sh /usr/bin/python3 tests/vm/two_hosts.py --demo "$@"
 fi
 exec "$(command -v /usr/bin/python3 || command -v python3)" scripts/demo_rp.py

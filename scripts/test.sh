@@ -33,7 +33,7 @@ step "install: scratch DESTDIR, service unit, manuals, Debian package"
 bash tests/install/test_install.sh build
 
 step "real kernel: two hosts in a virtual machine"
-bash scripts/vm-test.sh --with-agent
+bash scripts/vm-test.sh
 
 for fuzzer in build-fuzz/*_fuzzer; do
   default_seconds=20

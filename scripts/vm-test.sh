@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The real-kernel test: boots the stock kernel in a virtual machine
 # (scripts/vm-run.sh) and runs the two-host scenario tests/vm/two_hosts.py
-# inside. Arguments go to the scenario (--with-agent adds the agent stage).
+# inside. Arguments go to the scenario (--demo shows the kernel's tables).
 # Skips, with exit status 0, only where qemu cannot start at all.
 set -uo pipefail
 cd "$(dirname "$0")/.."

@@ -5,13 +5,11 @@ interfaces).
 
     site-a ── host-a ══ ESP over veth ══ host-b ── site-b
 
-Every box is a network namespace. The hosts carry one tunnel (svti7, if_id 7)
-between the sites. Stage "by-hand" builds the tunnel with `ip` alone: the exact
-kernel configuration the agent has to produce, which validates the checks.
-Stage "agent" (--with-agent) starts one agent per host with `-k linux` and has
-one RP per host drive it through the tunnel's life, then runs the same checks.
+Every box is a network namespace. Each host runs one agent with `-k linux`,
+driven by its own RP through the life of one tunnel (svti7, if_id 7) between
+the sites; the kernel tables, the traffic and the wire are checked on the way.
 
-Usage: two_hosts.py [--with-agent] [--only-agent] [--demo]
+Usage: two_hosts.py [--demo]
 Exit status 0 when every check passed.
 """
 
@@ -64,9 +62,10 @@ HOSTS = (A, B)
 
 # ---------------------------------------------------------------- plumbing
 
-def run(*cmd, check=True, stdin=None):
-    """Runs a command; its stdout. Each one costs about half a second under
-    emulation, hence the batches below."""
+def ip(ns, *args, check=True, stdin=None):
+    """`ip` in namespace `ns` (None: this one); its stdout. Each one costs about
+    half a second under emulation, hence ip_batch."""
+    cmd = ["ip", *(["-n", ns] if ns else []), *args]
     # close_fds=False lets Python spawn without fork, which costs seconds more.
     done = subprocess.run(cmd, capture_output=True, text=True, close_fds=False, input=stdin)
     if check and done.returncode != 0:
@@ -74,14 +73,9 @@ def run(*cmd, check=True, stdin=None):
     return done.stdout
 
 
-def ip(ns, *args, check=True):
-    return run("ip", "-n", ns, *args, check=check)
-
-
 def ip_batch(ns, *commands, check=True):
-    """Several `ip` commands in namespace `ns` (None: this one) in one process."""
-    return run("ip", *(["-n", ns] if ns else []), *([] if check else ["-force"]), "-batch", "-",
-               stdin="\n".join(commands) + "\n", check=check)
+    return ip(ns, *([] if check else ["-force"]), "-batch", "-", stdin="\n".join(commands) + "\n",
+              check=check)
 
 
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -145,23 +139,18 @@ def xfrm_blocks(ns, what, stats=False):
     return [b for b in blocks if what != "state" or not re.search(r"\bspi 0x0+\b", b)]
 
 
-def fields(block, **patterns):
-    """The first group of each pattern found in `block`, or None."""
-    return {name: (re.search(pattern, block, re.M) or [None, None])[1] for name, pattern in patterns.items()}
+ENTRY_FIELDS = dict(src=r"^src (\S+)", dst=r"^src \S+ dst (\S+)", proto=r"proto (\w+)",
+                    mode=r"mode (\w+)", reqid=r"reqid (\d+)", if_id=r"if_id (0x[0-9a-f]+)")
+STATE_FIELDS = dict(ENTRY_FIELDS, spi=r"spi (0x[0-9a-f]+)", enc=r"\benc (\S+)",
+                    auth=r"\bauth(?:-trunc)? (\S+)")
+POLICY_FIELDS = dict(ENTRY_FIELDS, dir=r"dir (\w+)", tmpl_src=r"tmpl src (\S+)",
+                     tmpl_dst=r"tmpl src \S+ dst (\S+)")
 
 
-def state_of(block):
-    f = fields(block, src=r"^src (\S+)", dst=r"^src \S+ dst (\S+)", proto=r"proto (\w+)",
-               spi=r"spi (0x[0-9a-f]+)", reqid=r"reqid (\d+)", mode=r"mode (\w+)",
-               if_id=r"if_id (0x[0-9a-f]+)", enc=r"\benc (\S+)", auth=r"\bauth(?:-trunc)? (\S+)")
-    return dict(f, spi=int(f["spi"], 16), reqid=int(f["reqid"]), if_id=int(f["if_id"] or "0", 16))
-
-
-def policy_of(block):
-    f = fields(block, src=r"^src (\S+)", dst=r"^src \S+ dst (\S+)", dir=r"dir (\w+)",
-               tmpl_src=r"tmpl src (\S+)", tmpl_dst=r"tmpl src \S+ dst (\S+)", proto=r"proto (\w+)",
-               mode=r"mode (\w+)", reqid=r"reqid (\d+)", if_id=r"if_id (0x[0-9a-f]+)")
-    return dict(f, reqid=int(f["reqid"] or "0"), if_id=int(f["if_id"] or "0", 16))
+def entry_of(block, patterns):
+    """The first group of each pattern found in `block` (None if absent), numbers as ints."""
+    f = {name: (re.search(pattern, block, re.M) or [None, None])[1] for name, pattern in patterns.items()}
+    return {k: int(v, 0) if v and k in ("spi", "reqid", "if_id") else v for k, v in f.items()}
 
 
 def sa_counters(h):
@@ -170,7 +159,8 @@ def sa_counters(h):
     for block in xfrm_blocks(h.ns, "state", stats=True):
         current = re.search(r"lifetime current:\s+(\d+)\(bytes\), (\d+)\(packets\)", block)
         failed = re.search(r"replay \d+ failed (\d+)", block)
-        counters[state_of(block)["spi"]] = (int(current[1]), int(current[2]), int(failed[1]))
+        spi = entry_of(block, STATE_FIELDS)["spi"]
+        counters[spi] = (int(current[1]), int(current[2]), int(failed[1]))
     return counters
 
 
@@ -195,14 +185,15 @@ def sorted_dicts(items):
     return sorted(items, key=lambda d: sorted((k, str(v)) for k, v in d.items()))
 
 
-def check_kernel_tables(reqids):
-    for h in HOSTS:
-        states = [state_of(b) for b in xfrm_blocks(h.ns, "state")]
+def check_kernel_tables(agents):
+    for agent in agents:
+        h, reqid = agent.h, agent.sadb
+        states = [entry_of(b, STATE_FIELDS) for b in xfrm_blocks(h.ns, "state")]
         check(f"{h.name}: exactly the expected SAs (directions, SPIs, if_id, algorithms)",
-              sorted_dicts(states) == sorted_dicts(expected_states(h, reqids[h.name])), states)
-        policies = [policy_of(b) for b in xfrm_blocks(h.ns, "policy")]
+              sorted_dicts(states) == sorted_dicts(expected_states(h, reqid)), states)
+        policies = [entry_of(b, POLICY_FIELDS) for b in xfrm_blocks(h.ns, "policy")]
         check(f"{h.name}: exactly the expected policies (directions, selectors, templates, if_id)",
-              sorted_dicts(policies) == sorted_dicts(expected_policies(h, reqids[h.name])), policies)
+              sorted_dicts(policies) == sorted_dicts(expected_policies(h, reqid)), policies)
         link = ip(h.ns, "-d", "link", "show", DEVICE, check=False)
         check(f"{h.name}: {DEVICE} is an xfrm interface with if_id {TUNNEL}, up, MTU 9160",
               re.search(rf"xfrm if_id {hex(TUNNEL)}\b", link) is not None and ",UP" in link
@@ -316,68 +307,7 @@ def check_traffic_through_tunnel():
     return after
 
 
-class AcquireListener:
-    """The kernel's acquire group on host `h`'s XFRM netlink."""
-
-    XFRM_MSG_ACQUIRE, XFRMNLGRP_ACQUIRE = 0x17, 1
-
-    def __init__(self, h):
-        with netns(h.ns):
-            self.sock = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, 6)
-            self.sock.bind((0, 1 << (self.XFRMNLGRP_ACQUIRE - 1)))
-
-    def heard(self, timeout=3.0):
-        self.sock.settimeout(timeout)
-        with self.sock:
-            try:
-                return struct.unpack_from("=H", self.sock.recv(65536), 4)[0] == self.XFRM_MSG_ACQUIRE
-            except socket.timeout:
-                return False
-
-
-def check_wrong_key(install_wrong_inbound_key_on_b):
-    install_wrong_inbound_key_on_b()
-    before = sa_counters(B).get(B.spi_in, (0, 0, 0))
-    check("with a wrong key on one side the traffic fails", not udp_exchange(A, B, MARKER, timeout=1.0))
-    after = sa_counters(B).get(B.spi_in)
-    check("with a wrong key the receiver's integrity failures rise",
-          after is not None and after[2] > before[2], f"{before} -> {after}")
-
-
-# ---------------------------------------------------------------- stage: by hand
-
-def ip_state(h, direction, spi, enc_key, auth_key, reqid):
-    src, dst = (h.wan, h.peer.wan) if direction == "out" else (h.peer.wan, h.wan)
-    return (f"xfrm state add src {src} dst {dst} proto esp spi {hex(spi)} reqid {reqid} mode tunnel "
-            f"if_id {TUNNEL} replay-window 32 auth hmac(sha1) 0x{auth_key.hex()} "
-            f"enc cbc(aes) 0x{enc_key.hex()}")
-
-
-def hand_made_stage(reqid=1):
-    print("== stage by-hand: the tunnel built with ip alone", flush=True)
-    for h in HOSTS:
-        ip_batch(h.ns, f"link add {DEVICE} type xfrm dev wan if_id {TUNNEL}",
-                 f"link set {DEVICE} mtu 9160 up", f"route add {h.peer.subnet} dev {DEVICE}",
-                 *(f"xfrm policy add src {p['src']} dst {p['dst']} dir {p['dir']} "
-                   f"tmpl src {p['tmpl_src']} dst {p['tmpl_dst']} proto esp reqid {reqid} "
-                   f"mode tunnel if_id {TUNNEL}" for p in expected_policies(h, reqid)))
-    listener = AcquireListener(A)
-    udp_exchange(A, B, MARKER, timeout=0.5)
-    check("traffic before the SAs exist makes the kernel acquire", listener.heard())
-    for h in HOSTS:
-        ip_batch(h.ns, ip_state(h, "out", h.spi_out, h.enc_key, h.auth_key, reqid),
-                 ip_state(h, "in", h.spi_in, h.peer.enc_key, h.peer.auth_key, reqid))
-    check_kernel_tables({h.name: reqid for h in HOSTS})
-    check_traffic_through_tunnel()
-    check_wrong_key(lambda: ip_batch(
-        B.ns, f"xfrm state del src {A.wan} dst {B.wan} proto esp spi {hex(B.spi_in)}",
-        ip_state(B, "in", B.spi_in, A.enc_key, bytes(20), reqid)))
-    for h in HOSTS:
-        ip_batch(h.ns, "xfrm state flush", "xfrm policy flush", f"link del {DEVICE}")
-    check_tunnel_gone()
-
-
-# ---------------------------------------------------------------- stage: agent
+# ---------------------------------------------------------------- the agents
 
 NOTIFY_HANDLE = 0x4E01
 OK = rp.be32(1)  # CRYPTO_NO_ERR
@@ -512,10 +442,9 @@ def addr(text):
     return int.from_bytes(socket.inet_aton(text.split("/")[0]), "big")
 
 
-def agent_stage():
-    print(f"== stage agent: {BINARY} -k linux on each host, driven by its RP", flush=True)
+def scenario():
+    print(f"== {BINARY} -k linux on each host, driven by its RP", flush=True)
     log = AgentLog()
-    failed_before = len(check.failed)
     agents = []
     try:
         for i, h in enumerate(HOSTS):
@@ -531,7 +460,7 @@ def agent_stage():
               notify and notify.hex())
         for agent in agents:
             agent.add_sas()
-        check_kernel_tables({agent.h.name: agent.sadb for agent in agents})
+        check_kernel_tables(agents)
         counters = check_traffic_through_tunnel()
         for agent in agents:
             h, kernel = agent.h, counters[agent.h.name]
@@ -539,16 +468,21 @@ def agent_stage():
             reported = agent.flow_stats()
             check(f"{h.name}: FLOW_STATS reports the bytes and packets the kernel counted",
                   reported == want, f"FLOW_STATS {reported}, kernel {want}")
-        check_wrong_key(lambda: agents[1].replace_inbound_key(bytes(20)))
+        agents[1].replace_inbound_key(bytes(20))
+        before = sa_counters(B).get(B.spi_in, (0, 0, 0))
+        check("with a wrong key on one side the traffic fails", not udp_exchange(A, B, MARKER, timeout=1.0))
+        after = sa_counters(B).get(B.spi_in)
+        check("with a wrong key the receiver's integrity failures rise",
+              after is not None and after[2] > before[2], f"{before} -> {after}")
         for agent in agents:
             agent.close_tunnel()
         check_tunnel_gone()
     except RuntimeError as error:
-        check("the agent stage ran to its end", False, error)
+        check("the scenario ran to its end", False, error)
     finally:
         for agent in agents:
             agent.stop()
-        if len(check.failed) > failed_before:
+        if check.failed:
             log.print_tail()
 
 
@@ -556,8 +490,6 @@ def agent_stage():
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("--with-agent", action="store_true", help="also run the agent stage")
-    parser.add_argument("--only-agent", action="store_true", help="run the agent stage alone")
     parser.add_argument("--demo", action="store_true", help="show the kernel's SAs and counters")
     args = parser.parse_args()
     if args.demo:
@@ -566,10 +498,7 @@ def main():
     remove_topology()
     build_topology()
     try:
-        if not args.only_agent:
-            hand_made_stage()
-        if args.with_agent or args.only_agent:
-            agent_stage()
+        scenario()
     finally:
         remove_topology()
     print(f"{'all checks passed' if not check.failed else f'{len(check.failed)} checks FAILED'}"
