@@ -28,6 +28,12 @@ def ceal(api_type, body=b""):
     return be16(MSG_CEAL) + be16(2 + len(body)) + be16(api_type) + body
 
 
+def response(msg_type, cmd, *fields):
+    """An answer of the agent: unlike a request's, its length counts the header."""
+    body = b"".join(fields)
+    return be16(msg_type) + be16(6 + len(body)) + be16(cmd) + body
+
+
 def init_start(callback, create, hint=0):
     return pal(1, be32(callback) + be32(create) + be32(hint))
 
