@@ -14,7 +14,7 @@ import tempfile
 import unittest
 
 from fake_kernel import GROUP_POLICY, agent_on_fake_kernel
-from sandbox import PAL_PORT, REPO, RP_ADDR, AgentTestCase, new_network_namespace
+from sandbox import LOG_INFO, PAL_PORT, REPO, RP_ADDR, AgentTestCase, new_network_namespace
 
 TOOL = os.path.join(REPO, "tools", "cpa-rp")
 NO_ERR, NO_SESSION = "CRYPTO_NO_ERR (1)", "CRYPTO_ERR_NO_SESSION (6)"
@@ -89,8 +89,8 @@ class TunnelLife(CpaRpTestCase):
               "--dst", "10.0.0.2", *keys], "KESTRIX_CEAL_CE_CREATE_KEY_BY_KEYS", {}),
             (["spi-insert", "--sadb", "1", "--spi", "0x1234", "--dest", "10.0.0.1/24",
               "--src", "10.0.0.2", "--decrypt", "decrypt:0x41:5:7"], "KESTRIX_PAL_SPI_INSERT", {"flow_id": 0x41}),
-            (["cflow-insert", "--sadb", "1", "--ivrf", "6", "--encrypt", "encrypt:0x42"], "KESTRIX_PAL_CFLOW_INSERT",
-             {"flow_handle": 0x42}),
+            (["cflow-insert", "--sadb", "1", "--ivrf", "6", "--encrypt", "encrypt:0x42:3"],
+             "KESTRIX_PAL_CFLOW_INSERT", {"flow_handle": 0x42}),
         ]
         for args, command, values in cases:
             with self.subTest(command=command):
@@ -102,10 +102,11 @@ class TunnelLife(CpaRpTestCase):
         self.assertEqual(self.kernel.sas(), [f"sa 10.0.0.1 spi=0x1234 {sa}", f"sa 10.0.0.2 spi=0x5678 {sa}"])
         # What the kernel does not show of the SPI and flow inserts, the state dump does.
         self.agent.signal(signal.SIGINT)
-        self.assertLogged(self.agent, ">>>KESTRIX OUTBOUND SAs END<<<")
+        self.assertLogged(self.agent, ">>>KESTRIX OUTBOUND SAs END<<<", LOG_INFO)
         dump = "\n".join(self.agent.texts())
         for shown in ("src_mask [32] dest_mask [24]", "post_decrypt_ivrf [0x5]reinject [0] tunnel_id [7]",
-                      "ivrf [6], ace_index [0]", "esp_cipher_key_length [128]"):
+                      "ivrf [6], ace_index [0]", "encrypt.sa [66], encrypt.post_encrypt_fvrf [3]",
+                      "esp_cipher_key_length [128]"):
             self.assertTrue(shown in dump, shown)
 
         global_stats = self.ok("stats", "global", "--ivrf", "3", "--engine-handle", "0xE1")

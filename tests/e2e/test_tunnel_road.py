@@ -1,9 +1,8 @@
 """A tunnel's whole life over UDP against the fake platform kernel: open,
-attach, peer, ACL, keys for both directions, SPI insert, crypto flow, the
-state dump, flow deletion, and the way back down; every answer byte, the
-kernel's SA and policy tables, and the counters."""
+attach, peer, ACL, keys for both directions, SPI insert, crypto flow, flow
+deletion, and the way back down; every answer byte, the kernel's SA and
+policy tables, and the counters."""
 
-import signal
 import socket
 
 from counter_report import counter_rows
@@ -11,7 +10,6 @@ from fake_kernel import FakeKernelTestCase
 from rp_messages import (MSG_CEAL, MSG_PAL, ace_record, acl_modify, be32, be64, cflow_insert, cipher_info,
                          create_keys, decrypt_action, delete_flow, encrypt_action, init_completed,
                          intf_attach, key_tlv, notify_actions, peer_insert, response, sadb_delete, spi_insert)
-from sandbox import LOG_DEBUG
 
 TUNNEL_ID = 7
 LOCAL, REMOTE = 0x0A000001, 0x0A000002  # the tunnel's ends, 10.0.0.1 and 10.0.0.2
@@ -60,12 +58,6 @@ class TunnelRoad(FakeKernelTestCase):
         self.assertEqual(rp.request(spi_insert(0x16, 1, 0x1111, LOCAL, REMOTE, decrypt_action(0x1001))),
                          response(MSG_PAL, 13, be32(0x16), be32(0x1001), ok))
         self.assertEqual(len(self.kernel.sas()), 2)
-
-        self.agent.signal(signal.SIGINT)
-        self.assertLogged(self.agent, "decrypt sa [0x1001] post_decrypt_check [0x0]  post_decrypt_ivrf "
-                                      f"[0x0]reinject [0] tunnel_id [{TUNNEL_ID}]", LOG_DEBUG)
-        self.assertLogged(self.agent, "encrypt.sa [8194], encrypt.post_encrypt_fvrf [0], dummy_generate [0] ",
-                          LOG_DEBUG)
 
         # Deleting the outbound flow first, then the inbound one, empties the kernel.
         for index, request_handle in ((OUTBOUND[0], 0xD1), (INBOUND[0], 0xD2)):
