@@ -28,6 +28,12 @@ def ceal(api_type, body=b""):
     return be16(MSG_CEAL) + be16(2 + len(body)) + be16(api_type) + body
 
 
+def response(msg_type, cmd, *fields):
+    """An answer of the agent: unlike a request's, its length counts the header."""
+    body = b"".join(fields)
+    return be16(msg_type) + be16(6 + len(body)) + be16(cmd) + body
+
+
 def init_start(callback, create, hint=0):
     return pal(1, be32(callback) + be32(create) + be32(hint))
 
@@ -93,20 +99,15 @@ def acl_modify(callback, sadb, opcode, records=b"", seqnos=(0x21, 0x22)):
                be64(5) + be64(6) + be64(7) + be16(8) + be32(9) + records)
 
 
-def cipher_info(outbound, spi, source, dest, esp=(3, 128, 2), ah_mac=0, mode=1,
-                window=32, lifetimes=(3000, 3600)):
-    """A 263-byte cipher info: `esp` is (cipher, key bits, mac) or None for AH;
-    addresses as integers; soft and hard time lifetimes in seconds."""
+def cipher_info(outbound, spi, source, dest, esp=(3, 128, 2), window=32, lifetimes=(3000, 3600)):
+    """A 263-byte cipher info of a tunnel-mode ESP SA: `esp` is (cipher, key
+    bits, mac); addresses as integers; soft and hard time lifetimes in seconds."""
     info = bytearray(263)
-    if esp:
-        struct.pack_into(">IIIII", info, 4, 1, esp[0], esp[1], esp[2], spi)
-    else:
-        struct.pack_into(">III", info, 24, 1, ah_mac, spi)
-    struct.pack_into(">I", info, 0, outbound)
+    struct.pack_into(">IIIIII", info, 0, outbound, 1, *esp, spi)
     struct.pack_into(">I", info, 42, window)
     struct.pack_into(">BBI", info, 46, 4, 4, source)
     struct.pack_into(">BBI", info, 64, 4, 4, dest)
-    struct.pack_into(">I", info, 90, mode)
+    struct.pack_into(">I", info, 90, 1)
     struct.pack_into(">QQ", info, 168, *lifetimes)
     return bytes(info)
 
@@ -116,9 +117,7 @@ def key_tlv(key_type, key):
 
 
 def create_keys(handle, ipsec_index, ipsec_sa, info, keys=b""):
-    """CREATE_KEY_BY_KEYS: message_length counts the 277-byte command and the key area."""
-    body = be32(handle) + be32(ipsec_index) + be32(ipsec_sa) + info
-    return be16(MSG_CEAL) + be16(277 + len(keys)) + be16(0) + body + keys
+    return ceal(0, be32(handle) + be32(ipsec_index) + be32(ipsec_sa) + info + keys)
 
 
 def flow_stats(callback, flows):
@@ -139,11 +138,11 @@ def encrypt_action(sa):
     return action_record(9, 4, be32(sa))
 
 
-def spi_insert(callback, sadb, spi, dest, source, records, protocol=50, masks=(24, 24)):
+def spi_insert(callback, sadb, spi, dest, source, records, masks=(24, 24)):
     """Addresses as integers; the fixed part is 71 bytes, the records follow."""
     def addr(a):
         return bytes([4, 4]) + be32(a) + bytes(12)
-    return pal(13, be32(callback) + be32(sadb) + be32(spi) + bytes([protocol]) + be16(0) +
+    return pal(13, be32(callback) + be32(sadb) + be32(spi) + bytes([50]) + be16(0) +
                addr(dest) + be32(masks[0]) + addr(source) + be32(masks[1]) +
                be32(0x31) + be32(0x32) + be32(0x33) + records)
 

@@ -6,6 +6,7 @@ import importlib.machinery
 import importlib.util
 import json
 import os
+import signal
 import socket
 import subprocess
 import sys
@@ -13,7 +14,7 @@ import tempfile
 import unittest
 
 from fake_kernel import GROUP_POLICY, agent_on_fake_kernel
-from sandbox import PAL_PORT, REPO, RP_ADDR, AgentTestCase, new_network_namespace
+from sandbox import LOG_INFO, PAL_PORT, REPO, RP_ADDR, AgentTestCase, new_network_namespace
 
 TOOL = os.path.join(REPO, "tools", "cpa-rp")
 NO_ERR, NO_SESSION = "CRYPTO_NO_ERR (1)", "CRYPTO_ERR_NO_SESSION (6)"
@@ -51,7 +52,6 @@ class TunnelLife(CpaRpTestCase):
                                      "  sadbhandle             1\n")
         self.ok("sadb", "complete", "--sadb", "1")
         self.ok("attach", "--sadb", "1", "--tunnel-id", "7")
-        self.assertIsNotNone(socket.if_nametoindex("svti7"))
         peer = self.ok("peer", "insert", "--sadb", "1", "--peer", "0xABCD", "--dpd", "10")
         self.assertEqual(peer["peer_handle"], 0xABCD)
         self.ok("acl", "install", "--sadb", "1", "--ace", "10.1.0.0/16:10.2.0.0/16:tcp:1000:2000",
@@ -74,35 +74,49 @@ class TunnelLife(CpaRpTestCase):
         report = cpa_rp("counters", "--json", "--wake", "--timeout", "5", "--pid", str(self.agent.proc.pid))
         self.assertEqual(report.returncode, 0, report.stderr)
         rows = json.loads(report.stdout)["commands"]
-        self.assertEqual(rows["KESTRIX_PAL_SADB_INIT_START"], [1, 1, 0])
-        self.assertEqual(rows["KESTRIX_PAL_SADB_INIT_COMPLETED"], [3, 1, 2])
-        self.assertEqual(rows["KESTRIX_PAL_SADB_DELETE"], [1, 1, 0])
-        self.assertEqual(rows["KESTRIX_PAL_SADB_INTF_ATTACH-(Add)"], [1, 1, 0])
-        self.assertEqual(rows["KESTRIX_PAL_SADB_INTF_ATTACH-(Del)"], [1, 1, 0])
-        self.assertEqual(rows["KESTRIX_PAL_ACL_MODIFY-(Add)"], [1, 1, 0])
-        self.assertEqual(rows["KESTRIX_PAL_PEER_INSERT"], [1, 1, 0])
+        self.assertEqual((rows["KESTRIX_PAL_SADB_INIT_COMPLETED"], rows["KESTRIX_PAL_SADB_INTF_ATTACH-(Del)"]),
+                         ([3, 1, 2], [1, 1, 0]))
 
-    def test_key_spi_and_flow_requests_are_served_and_decoded(self):
+    def test_keys_spi_and_flow_requests_reach_the_kernel_and_the_dump(self):
         self.ok("init-start", "--create", "0x500")
+        self.ok("attach", "--sadb", "1", "--tunnel-id", "7")
+        keys = ["--cipher", "aes", "--key", "aa" * 16, "--mac", "sha1", "--mac-key", "bb" * 20,
+                "--soft-life", "3000", "--hard-life", "3600"]
         cases = [  # arguments, the answer's command, fields of the decoded answer
-            (["keys", "--index", "7", "--sa", "0x41", "--cipher", "aes", "--key", "00" * 16],
-             "KESTRIX_CEAL_CE_CREATE_KEY_BY_KEYS", {"callback_handle": 1}),
-            (["spi-insert", "--sadb", "1", "--spi", "0x1000", "--dest", "10.0.0.1",
-              "--src", "10.0.0.2", "--decrypt", "decrypt:0x41"], "KESTRIX_PAL_SPI_INSERT", {"flow_id": 0x41}),
-            (["cflow-insert", "--sadb", "1", "--encrypt", "encrypt:0x42"], "KESTRIX_PAL_CFLOW_INSERT",
-             {"flow_handle": 0x42}),
-            (["delete-flow", "--flow-id", "7"], "KESTRIX_CEAL_CE_DELETE_FLOW", {}),
+            (["keys", "--index", "7", "--sa", "0x41", "--spi", "0x1234", "--src", "10.0.0.2",
+              "--dst", "10.0.0.1", *keys], "KESTRIX_CEAL_CE_CREATE_KEY_BY_KEYS", {"callback_handle": 1}),
+            (["keys", "--index", "8", "--sa", "0x42", "--outbound", "--spi", "0x5678", "--src", "10.0.0.1",
+              "--dst", "10.0.0.2", *keys], "KESTRIX_CEAL_CE_CREATE_KEY_BY_KEYS", {}),
+            (["spi-insert", "--sadb", "1", "--spi", "0x1234", "--dest", "10.0.0.1/24",
+              "--src", "10.0.0.2", "--decrypt", "decrypt:0x41:5:7"], "KESTRIX_PAL_SPI_INSERT", {"flow_id": 0x41}),
+            (["cflow-insert", "--sadb", "1", "--ivrf", "6", "--encrypt", "encrypt:0x42:3"],
+             "KESTRIX_PAL_CFLOW_INSERT", {"flow_handle": 0x42}),
         ]
         for args, command, values in cases:
             with self.subTest(command=command):
                 answer = self.ok(*args)
                 self.assertEqual((answer["command"], answer["status"]), (command, 1))
                 self.assertEqual({k: answer[k] for k in values}, values)
+        sa = (f"p50 reqid=1 m0 r0 life=3000/3600 svti{socket.if_nametoindex('svti7')} "
+              f"2=cbc(aes):128:{'aa' * 16} 1=hmac(sha1):160:{'bb' * 20}")
+        self.assertEqual(self.kernel.sas(), [f"sa 10.0.0.1 spi=0x1234 {sa}", f"sa 10.0.0.2 spi=0x5678 {sa}"])
+        # What the kernel does not show of the SPI and flow inserts, the state dump does.
+        self.agent.signal(signal.SIGINT)
+        self.assertLogged(self.agent, ">>>KESTRIX OUTBOUND SAs END<<<", LOG_INFO)
+        dump = "\n".join(self.agent.texts())
+        for shown in ("src_mask [32] dest_mask [24]", "post_decrypt_ivrf [0x5]reinject [0] tunnel_id [7]",
+                      "ivrf [6], ace_index [0]", "encrypt.sa [66], encrypt.post_encrypt_fvrf [3]",
+                      "esp_cipher_key_length [128]"):
+            self.assertTrue(shown in dump, shown)
+
         global_stats = self.ok("stats", "global", "--ivrf", "3", "--engine-handle", "0xE1")
         self.assertEqual((global_stats["ivrf_index"], global_stats["engine_handle"]), (3, 0xE1))
         self.assertEqual(global_stats["counters"]["global_in_bytes"], 0)
         flows = self.ok("stats", "flow", "7", "9:out", "--final", "5")  # without a segment: zero counters
-        self.assertEqual((flows["final_flg"], len(flows["flows"])), (5, 2))
+        self.assertEqual((flows["final_flg"], [(f["flow_id"], f["is_inbound"]) for f in flows["flows"]]),
+                         (5, [(7, 1), (9, 0)]))
+        self.assertEqual(self.ok("delete-flow", "--flow-id", "8")["command"], "KESTRIX_CEAL_CE_DELETE_FLOW")
+        self.assertEqual(len(self.kernel.sas()), 1)
 
 
 class Scripts(CpaRpTestCase):
@@ -118,9 +132,7 @@ class Scripts(CpaRpTestCase):
         self.assertEqual(run.stdout.count("\n  callback_handle"), 3)
         # The line after the mismatch never ran: the next tunnel takes slot 2.
         self.assertEqual(self.ok("init-start", "--create", "0x700")["sadbhandle"], 2)
-
-    def test_a_script_line_that_does_not_parse_is_a_bad_argument(self):
-        path, run = self.script("init-start\n")
+        path, run = self.script("init-start\n")  # a line that does not parse is a bad argument
         self.assertEqual(run.returncode, 2)
         self.assertTrue(run.stderr.startswith(f"cpa-rp: {path}:1: the following arguments are required"))
 
@@ -153,41 +165,11 @@ def load_tool():
     return module
 
 
-class RequestBytes(unittest.TestCase):
-    """What the agent cannot check yet: the bytes of the key, SA and statistics
-    requests, and the decoding of flow statistics."""
+class FlowStatistics(unittest.TestCase):
+    """The agent answers zero flow counters without a fast-path segment, so
+    their decoding is checked on a made-up answer."""
 
     tool = load_tool()
-
-    def datagram(self, *argv):
-        args = self.tool.build_parser().parse_args(argv)
-        return self.tool.datagram(*args.build(args))
-
-    def test_requests_put_each_field_at_its_offset(self):
-        be32 = lambda v: v.to_bytes(4, "big")
-        keys = self.datagram("keys", "--index", "7", "--sa", "0x41", "--outbound", "--spi", "0x1234",
-                             "--cipher", "aes", "--key", "aa" * 16, "--mac", "sha1", "--mac-key",
-                             "bb" * 20, "--src", "10.0.0.1", "--dst", "10.0.0.2")
-        spi = self.datagram("spi-insert", "--sadb", "3", "--spi", "0x99", "--dest", "10.0.0.9/24",
-                            "--src", "10.0.0.8", "--decrypt", "decrypt:0x41:5:7")
-        cflow = self.datagram("cflow-insert", "--sadb", "3", "--ivrf", "6", "--encrypt", "encrypt:0x42")
-        stats = self.datagram("stats", "flow", "7", "9:out")
-        cases = [  # datagram, offset, expected bytes
-            (keys, 2, (277 + 4 + 16 + 4 + 20).to_bytes(2, "big")), (keys, 10, be32(7) + be32(0x41)),
-            (keys, 18, be32(1) + be32(1) + be32(3) + be32(128) + be32(2) + be32(0x1234)),
-            (keys, 64, bytes([4, 4]) + be32(0x0A000001)), (keys, 82, bytes([4, 4]) + be32(0x0A000002)),
-            (keys, 281, bytes([0, 1, 0, 16]) + b"\xaa" * 16 + bytes([0, 2, 0, 20])),
-            (spi, 4, bytes([0, 13]) + be32(1) + be32(3) + be32(0x99) + bytes([50, 0, 0, 4, 4])),
-            (spi, 23, be32(0x0A000009)), (spi, 39, be32(24)),
-            (spi, 77, bytes([0, 8, 0, 28]) + be32(3) + be32(0x41) + bytes(8) + bytes([0, 5, 0, 0])),
-            (spi, 105, be32(7)), (cflow, 30, bytes([0, 6]) + bytes([0, 9, 0, 28]) + be32(4) + be32(0x42)),
-            (stats, 14, be32(2) + be32(7)), (stats, 30, be32(1) + be32(9)), (stats, 46, be32(0)),
-        ]
-        for data, offset, expected in cases:
-            with self.subTest(offset=offset, command=data[4:6]):
-                self.assertEqual(data[offset:offset + len(expected)], expected)
-        self.assertEqual((len(spi), len(cflow), len(stats)),
-                         (4 + 2 + 71 + 32, 4 + 2 + 26 + 32, 4 + 2 + 12 + 32))
 
     def test_flow_statistics_are_read_per_flow(self):
         flow = bytearray(456)

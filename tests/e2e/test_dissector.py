@@ -11,8 +11,9 @@ import unittest
 
 from pcap_writer import write_pcap
 from rp_messages import (MSG_CEAL, MSG_PAL, acl_modify, ace_record, action_record, attr_update, be16, be32,
-                         be64, ceal, init_completed, init_start, intf_attach, notify_actions, pal,
-                         peer_delete, peer_insert, sadb_delete)
+                         be64, ceal, cflow_insert, cipher_info, create_keys, delete_flow, flow_stats,
+                         init_completed, init_start, intf_attach, notify_actions, pal, peer_delete, peer_insert,
+                         response, sadb_delete, spi_insert)
 
 DISSECTOR = os.path.join(os.path.dirname(__file__), "..", "..", "tools", "ipsec_cpa.lua")
 AGENT, RP = "10.0.0.1", "10.0.0.2"
@@ -23,10 +24,6 @@ CB = be32(0xCA11BAC4)
 KEY = bytes(range(0xA0, 0xB0))
 
 
-def response(msg_type, cmd, body):
-    return be16(msg_type) + be16(6 + len(body)) + be16(cmd) + body
-
-
 def filled(size, values):
     """`size` zero bytes with (offset, struct format, value) written in."""
     out = bytearray(size)
@@ -35,17 +32,10 @@ def filled(size, values):
     return bytes(out)
 
 
-def address(ip):
-    return bytes([1, 4]) + bytes(ip) + bytes(12)
-
-
 DECRYPT = action_record(8, 3, be32(0x51) + be64(0x102) + be16(9) + bytes(2) + be32(1) + be32(42))
 ENCRYPT = action_record(9, 4, be32(0x52) + be16(3) + bytes(2) + be32(1))
 ACL = ace_record(0x77, 0x0A010000, 16, 0x0A020000, 24, 6, (1000, 2000)) + notify_actions(0xBEEF)
-SPI_INSERT = pal(13, CB + be32(7) + be32(0x1234) + bytes([50]) + be16(0) + address([10, 0, 0, 9]) + be32(32) +
-                 address([10, 0, 0, 8]) + be32(32) + be32(1) + be32(2) + be32(3) + DECRYPT)
-CIPHER = filled(263, [(8, "I", 3), (12, "I", 128), (16, "I", 2), (20, "I", 0x1234), (48, "4s", bytes([10, 0, 0, 8])),
-                      (66, "4s", bytes([10, 0, 0, 9])), (168, "Q", 3600), (259, "I", 1)])
+CIPHER = cipher_info(0, 0x1234, 0x0A000008, 0x0A000009)[:259] + be32(1)  # the last field: support_dummy_packet
 KEYS = be16(1) + be16(16) + KEY + be16(2) + be16(20) + bytes(20)
 FLOW = be32(9) + be32(0x11) + be32(0x22) + be32(1)
 FLOW_STATS = filled(440, [(0, "Q", 5000), (32, "I", 40), (192, "Q", 7), (436, "I", 6)])
@@ -67,12 +57,13 @@ CASES = [
       "ace.handle": "0x00000077", "ace.local_addr": "10.1.0.0", "ace.remote_addr": "10.2.0.0",
       "ace.remote_mask": "24", "ace.protocol": "6", "port.num_port": "1,1", "port.value": "1000,2000",
       "ace.hint": "0", "action.action": "0,1,2,0", "action.notify_rp_handle": "0x0000beef"}),
-    (SPI_INSERT, BY_RP, {"spi.spi": "0x00001234", "spi.protocol": "50", "spi.dest_addr.ipv4": "10.0.0.9",
-                         "spi.src_addr.ipv4": "10.0.0.8", "ace_index": "3", "action.sa": "0x00000051",
-                         "action.post_decrypt_check": "0x0000000000000102", "action.tunnel_id": "42"}),
+    (spi_insert(0xCA11BAC4, 7, 0x1234, 0x0A000009, 0x0A000008, DECRYPT), BY_RP,
+     {"spi.spi": "0x00001234", "spi.protocol": "50", "spi.dest_addr.ipv4": "10.0.0.9", "spi.src_addr.ipv4": "10.0.0.8",
+      "ace_index": "51", "action.sa": "0x00000051", "action.post_decrypt_check": "0x0000000000000102",
+      "action.tunnel_id": "42"}),
     (pal(14, CB + be32(7) + be32(0x51)), BY_RP, {"pal.cmd": "14", "spi_handle": "81"}),
-    (pal(15, CB + be32(0x10) + be32(7) + be32(1) + be32(2) + be32(3) + be16(4) + ENCRYPT), BY_RP,
-     {"ivrf": "4", "action.sa": "0x00000052", "action.post_encrypt_fvrf": "3", "action.dummy_generate": "1"}),
+    (cflow_insert(1, 7, ENCRYPT), BY_RP, {"ivrf": "0", "action.sa": "0x00000052", "action.post_encrypt_fvrf": "3",
+                                          "action.dummy_generate": "1"}),
     (pal(16, CB + be32(0x10) + be32(7) + be64(0x52) + ENCRYPT), BY_RP, {"flow_handle": "82", "action.sa": "0x00000052"}),
     (pal(17, CB + be32(7) + be32(0x30) + be32(0x10) + be64(0x52)), BY_RP, {"entry_handle": "0x00000030",
                                                                          "flow_handle": "82"}),
@@ -85,13 +76,13 @@ CASES = [
     (be16(MSG_PAL) + be16(82) + be16(21) + be32(0xBEEF) + be32(1) + be32(42) + be32(42) + bytes(64), BY_AGENT,
      {"kind": "notification", "notify.notify_handle": "0x0000beef", "notify.outbound": "1",
       "notify.tunnel_id": "42", "notify.pkt_len": "42"}),
-    (ceal(0, CB + be32(17) + be32(0x51) + CIPHER + KEYS), BY_RP,
+    (create_keys(0xCA11BAC4, 17, 0x51, CIPHER, KEYS), BY_RP,
      {"ceal.api": "0", "ipsec_index": "17", "ipsec_sa": "0x00000051", "cipher.esp_cipher": "3",
       "cipher.esp_cipher_key_length": "128", "cipher.esp_mac": "2", "cipher.esp_spi": "0x00001234",
-      "cipher.source.ipv4": "10.0.0.8", "cipher.dest.ipv4": "10.0.0.9", "cipher.soft_time_lifetime": "3600",
+      "cipher.source.ipv4": "10.0.0.8", "cipher.dest.ipv4": "10.0.0.9", "cipher.soft_time_lifetime": "3000",
       "cipher.support_dummy_packet": "1", "key.type": "1,2", "key.len": "16,20", "key.data": "********,********"}),
     (response(MSG_CEAL, 0, CB + be32(1) + bytes(267)), BY_AGENT, {"kind": "response", "ceal.api": "0", "status": "1"}),
-    (ceal(1, CB + be32(0) + be32(1) + FLOW), BY_RP, {"num_flows": "1", "flow.flow_id": "9", "flow.is_inbound": "1"}),
+    (flow_stats(1, [(9, True)]), BY_RP, {"num_flows": "1", "flow.flow_id": "9", "flow.is_inbound": "1"}),
     (response(MSG_CEAL, 1, CB + be32(0) + be32(1) + be32(1) + FLOW + FLOW_STATS), BY_AGENT,
      {"status": "1", "flow.handle": "0x00000022", "flow_stats.flow_in_bytes": "5000",
       "flow_stats.flow_in_pkts": "40", "flow_stats.flow_out_bytes": "7", "flow_stats.gdoi_group_hdle": "6"}),
@@ -101,7 +92,7 @@ CASES = [
     (ceal(3, CB + be16(3) + be32(0x55)), BY_RP, {"kind": "request", "engine_handle": "0x00000055"}),
     (response(MSG_CEAL, 3, CB + be16(3) + be32(0x55) + filled(112, [(12, "Q", 9000), (100, "I", 4)])), BY_AGENT,
      {"kind": "response", "global_stats.global_in_bytes": "9000", "global_stats.global_encrypt_fail": "4"}),
-    (ceal(4, CB + be32(9) + be32(0x66)), BY_RP, {"request_handle": "0xca11bac4", "flow_id": "9"}),
+    (delete_flow(0xCA11BAC4, 9), BY_RP, {"request_handle": "0xca11bac4", "flow_id": "9"}),
     (response(MSG_CEAL, 4, CB + be32(1)), BY_AGENT, {"kind": "response", "ceal.api": "4", "status": "1"}),
     (be16(3) + bytes([0x18, 0]) + bytes(12) + b"IPSEC_DP" + bytes(4), KEEPALIVE,
      {"kind": "keepalive", "length_le": "24", "keepalive.hostId": "IPSEC_DP"}),
@@ -113,7 +104,7 @@ CASES = [
     (pal(9, acl_modify(1, 7, 2, ACL)[6:], length=len(ACL) + 52 - 10), BY_RP,
      {"truncated": "1", "length_mismatch": "1", "action.action": "0,1,2"}),
     (acl_modify(1, 7, 2, action_record(12, 0)), BY_RP, {"bad_record": "1"}),
-    (ceal(0, CB + be32(17) + be32(0x51) + CIPHER + be16(1) + be16(40) + KEY[:8]), BY_RP,
+    (create_keys(0xCA11BAC4, 17, 0x51, CIPHER, be16(1) + be16(40) + KEY[:8]), BY_RP,
      {"truncated": "1", "cipher.support_dummy_packet": "1", "key.len": "40"}),
     (b"\x00", BY_RP, {"truncated": "1"}),
 ]

@@ -6,7 +6,7 @@ import subprocess
 import sys
 import unittest
 
-from rp_messages import be16, be32, be64, ceal
+from rp_messages import MSG_CEAL, be16, be32, be64, ceal, response
 from sandbox import AgentTestCase, REPO
 
 TOOL = os.path.join(REPO, "tests", "tools", "fp_segment.py")
@@ -25,8 +25,7 @@ class GlobalStatistics(AgentTestCase):
         g_stats = bytearray(112)
         g_stats[32:36] = be32(8)
         g_stats[68:76] = be64(2**40)
-        self.assertEqual(self.rp().request(ceal(3, request)),
-                         be16(1) + be16(128) + be16(3) + request + bytes(g_stats))
+        self.assertEqual(self.rp().request(ceal(3, request)), response(MSG_CEAL, 3, request, g_stats))
 
 
 if __name__ == "__main__":

@@ -7,13 +7,13 @@ import threading
 import time
 
 from fake_kernel import FakeKernelTestCase
-from rp_messages import (ace_record, acl_modify, be16, be32, be64, cflow_insert, cipher_info, create_keys,
+from rp_messages import (MSG_PAL, ace_record, acl_modify, be32, be64, cflow_insert, cipher_info, create_keys,
                          decrypt_action, encrypt_action, init_completed, init_start, intf_attach,
-                         notify_actions, pal, peer_delete, peer_insert, spi_insert)
+                         notify_actions, pal, peer_delete, peer_insert, response, spi_insert)
 
 
 def answer(cmd, callback):
-    return be16(0) + be16(14) + be16(cmd) + be32(callback) + be32(1)
+    return response(MSG_PAL, cmd, be32(callback), be32(1))
 
 
 class UnitTestMode(FakeKernelTestCase):
