@@ -23,13 +23,11 @@ class FpSegment {
   ~FpSegment() { munmap(base_, kSize); }
   const uint8_t* data() const { return base_; }
 
-  static uint32_t bucket_of(uint32_t spi) {
-    const uint32_t n = htonl(spi);
-    return (n ^ (n >> 16)) & 0xFFFF;
-  }
   // SA entry `index` (SPI and destination in host order), appended to the
-  // chain of `bucket`; the SAD count goes up.
-  void add_sa(uint32_t index, uint32_t spi, uint32_t dst, uint8_t proto, uint32_t bucket, uint16_t state = 1) {
+  // chain of its SPI's bucket; the SAD count goes up.
+  void add_sa(uint32_t index, uint32_t spi, uint32_t dst, uint8_t proto, uint16_t state = 1) {
+    const uint32_t n = htonl(spi);
+    const uint32_t bucket = (n ^ (n >> 16)) & 0xFFFF;
     uint8_t* e = entry(index);
     put<uint16_t>(e, state);
     put<uint32_t>(e + 20, htonl(spi));
@@ -39,9 +37,6 @@ class FpSegment {
     put<uint32_t>(get(head) ? entry(get(head + 4)) + 33492 : head, index);
     put<uint32_t>(head + 4, index);
     put<uint32_t>(base_ + kIpsec, get(base_ + kIpsec) + 1);
-  }
-  void add_sa(uint32_t index, uint32_t spi, uint32_t dst, uint8_t proto) {
-    add_sa(index, spi, dst, proto, bucket_of(spi));
   }
   void sa_counter(uint32_t index, int core, size_t offset, uint64_t v) {
     put(entry(index) + 704 + core * 256 + offset, v);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "fakes/kernel_test_agent.h"
+#include "support/fp_segment.h"
 #include "support/wire_reader.h"
 
 namespace cpa::test {
@@ -12,11 +13,7 @@ namespace {
 
 template <class Sa>
 void add_sa(ObjectList<Sa>& list, int32_t flow_id, uint32_t spi) {
-  auto sa = std::make_unique<Sa>();
-  sa->spi = spi;
-  sa->sa_info = std::make_unique<kestrix_ce_cipher_list_t>();
-  sa->sa_info->ipsec_index = flow_id;
-  list.insert_node(std::move(sa));
+  list.insert_node(flow_sa<Sa>(flow_id, spi, 0, 0));
 }
 
 TEST(DeleteFlow, DeletesOneInboundSaAndStopsElseTheFirstOutboundSaOfEveryTunnel) {

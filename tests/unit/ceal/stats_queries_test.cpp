@@ -21,6 +21,7 @@ namespace cpa::test {
 namespace {
 
 constexpr uint32_t kDst = 0x0A000001;  // 10.0.0.1
+const std::vector<uint8_t> kGlobal = Bytes().be32(0xCA11).be16(7).be32(0xE4).vec();  // echoed in answers
 
 // A FLOW_STATS request for (flow id, inbound) pairs; handle i carries 0xE0+i and 0xB0+i.
 std::vector<uint8_t> flow_query(const std::vector<std::pair<uint32_t, bool>>& flows, uint32_t num_flows) {
@@ -55,12 +56,12 @@ class StatsQueries : public ::testing::Test {
 };
 
 TEST_F(StatsQueries, EachFlowReadsTheEntryOfItsSpiDestinationAndProtocol) {
-  // Entries 7, 9 and 11 share SPI 0x12345678 (bucket 0x4C44) and differ by
+  // Entries 7, 9 and 11 share SPI 0x12345678, so one chain, and differ by
   // destination or protocol; entry 13 is not live. Each marks its packets.
-  seg.add_sa(7, 0x12345678, kDst, 50, 0x4C44);
-  seg.add_sa(9, 0x12345678, kDst + 1, 50, 0x4C44);
-  seg.add_sa(11, 0x12345678, kDst, 51, 0x4C44);
-  seg.add_sa(13, 0xABCD, kDst, 50, FpSegment::bucket_of(0xABCD), 0);
+  seg.add_sa(7, 0x12345678, kDst, 50);
+  seg.add_sa(9, 0x12345678, kDst + 1, 50);
+  seg.add_sa(11, 0x12345678, kDst, 51);
+  seg.add_sa(13, 0xABCD, kDst, 50, 0);
   for (uint32_t index : {7, 9, 11, 13}) seg.sa_counter(index, 0, 8, index);
   add_sa(slot1, true, 1, 0x12345678);
   add_sa(slot1, true, 2, 0x12345678, kDst + 1);
@@ -168,15 +169,14 @@ TEST_F(StatsQueries, GlobalCountersComeFromRowZeroAndSadbCountersAreZero) {
     seg.global_counter(0, 127, counter, 3);
     seg.global_counter(1, 0, counter, 1000);  // another row: never read
   }
-  const auto request = Bytes().be32(0xCA11).be16(7).be32(0xE4).vec();
   const auto sum = [](uint64_t c) { return static_cast<uint32_t>(c + 3); };
   Bytes g;
   g.zeros(12).be64((uint64_t{1} << 32) + sum(8)).be32(sum(32)).be32(sum(72) + sum(80)).zeros(4).be32(sum(0))
       .be32(sum(48) + sum(24)).be32(sum(56)).be32(sum(16)).be32(sum(24)).be32(sum(40)).be32(sum(48)).zeros(8)
       .be64((uint64_t{1} << 32) + sum(96)).be32(sum(160) + sum(168)).be32(sum(88)).be32(sum(120)).be32(sum(104))
       .be32(sum(112)).be32(sum(128)).be32(sum(136)).zeros(8);
-  EXPECT_EQ(t.exchange(ceal_request(3, request)), Bytes().be16(1).be16(128).be16(3).append(request).append(g).vec());
-  EXPECT_EQ(t.exchange(ceal_request(2, request)), Bytes().be16(1).be16(36).be16(2).append(request).zeros(20).vec());
+  EXPECT_EQ(t.exchange(ceal_request(3, kGlobal)), Bytes().be16(1).be16(128).be16(3).append(kGlobal).append(g).vec());
+  EXPECT_EQ(t.exchange(ceal_request(2, kGlobal)), Bytes().be16(1).be16(36).be16(2).append(kGlobal).zeros(20).vec());
 }
 
 // The developers' segment tool writes the layout the agent reads.
@@ -199,15 +199,14 @@ TEST_F(StatsQueries, SegmentWrittenByTheToolReadsBack) {
 
 TEST(StatsQueriesWithoutSegment, EveryQueryIsAnsweredWithZeroCounters) {
   TestAgent t;
-  const auto request = Bytes().be32(0xCA11).be16(7).be32(0xE4).vec();
   const auto flows = t.exchange(flow_query({{1, true}, {2, false}}));
   ASSERT_EQ(flows.size(), 934u);
   EXPECT_EQ(be32_at(flows, 18), 1u);
   EXPECT_EQ(std::vector<uint8_t>(flows.begin() + 494, flows.end()), std::vector<uint8_t>(440));
   EXPECT_EQ(t.log.count("ERROR: fp_shared is  NULL !!"), 2);
-  EXPECT_EQ(t.exchange(ceal_request(3, request)), Bytes().be16(1).be16(128).be16(3).append(request).zeros(112).vec());
+  EXPECT_EQ(t.exchange(ceal_request(3, kGlobal)), Bytes().be16(1).be16(128).be16(3).append(kGlobal).zeros(112).vec());
   EXPECT_TRUE(t.log.has(LOG_ERR, "ERROR: Failed to open shared memory\n"));
-  EXPECT_EQ(t.exchange(ceal_request(2, request)).size(), 36u);
+  EXPECT_EQ(t.exchange(ceal_request(2, kGlobal)).size(), 36u);
 }
 
 // Linux mode: each SA's counters are the kernel's answer to a get of it,
@@ -242,7 +241,7 @@ TEST(StatsQueriesInLinuxMode, CountersComeFromTheKernelsSas) {
   ahead = 0;
   answer_next_get(2500, 25, 3, 4);
   answer_next_get(7000, 70, 0, 0);
-  const auto global = t.exchange(ceal_request(3, Bytes().be32(0xCA11).be16(7).be32(0xE4)));
+  const auto global = t.exchange(ceal_request(3, kGlobal));
   // Bytes are 64-bit: their low word is 4 bytes into the field.
   EXPECT_EQ(std::tuple(be32_at(in, stats_of(0) + 4), be32_at(in, stats_of(0) + 32), be32_at(in, stats_of(0) + 40),
                        be32_at(in, stats_of(0) + 48), be32_at(in, stats_of(0) + 64)),

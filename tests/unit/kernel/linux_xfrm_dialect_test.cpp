@@ -1,18 +1,19 @@
 // Linux-mode XFRM messages against the stock kernel's own structs: requests
 // byte for byte (the kernel of this machine takes the policies, not the SAs),
-// and events and SA answers read back.
+// and SA answers read back.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/xfrm.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <functional>
 
-#include "fakes/test_agent.h"
+#include "fakes/fake_net_devices.h"
 #include "kernel/linux_sa_counters.h"
-#include "kernel/netlink_listener.h"
 #include "kernel/xfrm_sa.h"
+#include "support/wire_builder.h"
 #include "support/xfrm_fixtures.h"
 
 namespace cpa::test {
@@ -83,18 +84,6 @@ TEST(LinuxXfrmMessages, AnSaIsTheKernelsOwnBodyWithTheInterfaceIdAndAlgorithms) 
             message(XFRM_MSG_NEWSA, sa,
                     {attr(XFRMA_IF_ID, Bytes().h32(7)), attr(XFRMA_ALG_CRYPT, algo<::xfrm_algo>("cbc(aes)", 16, 0x10)),
                      attr(XFRMA_ALG_AUTH, algo<::xfrm_algo>("hmac(sha1)", 20, 0x40))}));
-}
-
-TEST(LinuxXfrmEvents, AnAcquireInTheKernelsLayoutNotifiesTheRp) {
-  TestAgent t(AgentSettings{0, 0, KernelFlavour::kLinux});
-  auto policy = new_record<cpa_spd_policy_t>();
-  policy->outbound.action = CDH_ACTION_DISCARD_PACKET_NOTIFY_RP;
-  insert_node_policy(t.agent.tunnels.at(t.open_tunnel(0x100))->head_policy, std::move(policy));
-  ::xfrm_user_tmpl tmpl{};
-  tmpl.reqid = 1;
-  const Message acquire = message(XFRM_MSG_ACQUIRE, ::xfrm_user_acquire{}, {attr(XFRMA_TMPL, Bytes().host(tmpl))});
-  kestrix_nlink_handle_datagram(t.agent, ReceivedBytes(acquire.data(), acquire.size()));
-  EXPECT_EQ(t.take_sent().size(), 1u);
 }
 
 TEST(LinuxSaCounters, ComeFromTheLifetimeAndStatsOfTheKernelsAnswer) {

@@ -1,12 +1,10 @@
 // SPI inserts and crypto flows over the dispatcher, against the fake
 // platform kernel: which key material an SA claims, what reaches the
 // kernel, what the tunnel keeps and what the RP is answered.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -99,17 +97,7 @@ TEST(SpiInsert, ClaimsTheNewestInboundRecordOfItsSaAndThenAnswersDuplicates) {
     EXPECT_EQ(w.ceids(w.tunnel().inb_sa_list).front(), claimed);
   }
   EXPECT_EQ(w.waiting(), (std::vector<int32_t>{2, 4}));
-  // Once per claimed record, with the tunnel's request id, device and the record's SPI.
-  const auto requests = w.t.kernel.requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(u32_at(requests[0], 244), static_cast<uint32_t>(w.t.devices.device("svti5")->ifindex));
-  ASSERT_EQ(w.t.kernel.sas().size(), 2u);
-  std::set<uint32_t> spis;  // the fake kernel lists its SAs by address and SPI
-  for (const FakeSa& sa : w.t.kernel.sas()) {
-    EXPECT_EQ(sa.reqid, w.slot);
-    spis.insert(ntohl(sa.spi));
-  }
-  EXPECT_EQ(spis, (std::set<uint32_t>{0x5001, 0x5003}));
+  EXPECT_EQ(w.t.kernel.sas().size(), 2u);
   const cpa_inbound_sa_t& sa = *w.tunnel().inb_sa_list.head();
   EXPECT_EQ(sa.spi, 0x1234u);
   EXPECT_EQ(sa.dest_addr.ip_address, 0x0A000002u);
