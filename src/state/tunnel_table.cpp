@@ -125,31 +125,30 @@ std::optional<uint32_t> TunnelTable::find_by_create_handle(uint32_t create_handl
 
 namespace {
 
-template <class SaList>
-auto* find_by_ceid(SaList& list, uint32_t flow_id) {
-  for (auto& sa : list)
+// The SA of `list` of the tunnel in slot `index` whose cipher record carries
+// `flow_id`: the newest of several, null when none.
+template <class Sa>
+Sa* find_by_ceid(const TunnelTable& table, ObjectList<Sa> cpa_interface_t::*list, uint32_t flow_id,
+                 uint32_t index) {
+  if (index < 1 || index >= TunnelTable::kSlots) {
+    cpa_log(LOG_ERR, "Invalid index");
+    return nullptr;
+  }
+  cpa_interface_t* entry = table.at(index);
+  if (!entry) return nullptr;
+  for (Sa& sa : entry->*list)
     if (sa.sa_info && static_cast<uint32_t>(sa.sa_info->ipsec_index) == flow_id) return &sa;
-  return static_cast<decltype(&*list.begin())>(nullptr);
+  return nullptr;
 }
 
 }  // namespace
 
 cpa_inbound_sa_t* TunnelTable::kestrix_in_sa_lookup_by_ceid(uint32_t flow_id, uint32_t index) const {
-  if (index < 1 || index >= kSlots) {
-    cpa_log(LOG_ERR, "Invalid index");
-    return nullptr;
-  }
-  cpa_interface_t* entry = at(index);
-  return entry ? find_by_ceid(entry->inb_sa_list, flow_id) : nullptr;
+  return find_by_ceid(*this, &cpa_interface_t::inb_sa_list, flow_id, index);
 }
 
 cpa_outbound_sa_t* TunnelTable::kestrix_out_sa_lookup_by_ceid(uint32_t flow_id, uint32_t index) const {
-  if (index < 1 || index >= kSlots) {
-    cpa_log(LOG_ERR, "Invalid index");
-    return nullptr;
-  }
-  cpa_interface_t* entry = at(index);
-  return entry ? find_by_ceid(entry->outb_sa_list, flow_id) : nullptr;
+  return find_by_ceid(*this, &cpa_interface_t::outb_sa_list, flow_id, index);
 }
 
 }  // namespace cpa
