@@ -14,6 +14,9 @@ step() { printf '\n=== %s\n' "$*"; }
 step "dependencies"
 bash scripts/install-deps.sh test
 
+step "layers: no include from a lower layer to a higher one"
+bash scripts/check-layers.sh
+
 step "build: plain, asan, fuzz"
 bash scripts/build.sh plain
 bash scripts/build.sh asan

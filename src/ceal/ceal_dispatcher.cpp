@@ -8,7 +8,8 @@
 #include "ceal/flow_delete.h"
 #include "ceal/key_material.h"
 #include "ceal/stats_queries.h"
-#include "diag/log.h"
+#include "platform/rp_outbox.h"
+#include "base/log.h"
 #include "wire/cp_dp_msg.h"
 
 namespace cpa {

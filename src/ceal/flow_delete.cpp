@@ -3,7 +3,7 @@
 #include <arpa/inet.h>
 
 #include "ceal/ceal_dispatcher.h"
-#include "diag/log.h"
+#include "base/log.h"
 #include "kernel/xfrm_sa.h"
 #include "wire/ceal_key_requests.h"
 

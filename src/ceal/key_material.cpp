@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "ceal/ceal_dispatcher.h"
-#include "diag/log.h"
+#include "base/log.h"
 #include "wire/byte_order.h"
 
 namespace cpa {

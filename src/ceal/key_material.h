@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "daemon/agent.h"
+#include "agent/agent.h"
 #include "state/cipher_record.h"
 #include "wire/ceal_key_requests.h"
 #include "wire/received_bytes.h"

@@ -9,7 +9,7 @@
 
 #include "ceal/ceal_dispatcher.h"
 #include "ceal/kernel_sa_stats.h"
-#include "diag/log.h"
+#include "base/log.h"
 #include "wire/ceal_stats.h"
 
 namespace cpa {

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "daemon/agent.h"
+#include "agent/agent.h"
 #include "wire/received_bytes.h"
 
 namespace cpa {

@@ -12,10 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "daemon/agent.h"
+#include "agent/agent.h"
 #include "daemon/options.h"
 #include "daemon/signals.h"
-#include "diag/log.h"
+#include "base/log.h"
 #include "diag/state_dump.h"
 #include "kernel/netlink_listener.h"
 #include "kernel/netlink_socket.h"
@@ -23,6 +23,7 @@
 #include "link/arp_handler.h"
 #include "link/keepalive.h"
 #include "pal/pal_dispatcher.h"
+#include "pal/tunnel_policy_events.h"
 #include "pal/rp_link.h"
 #include "platform/scoped_fd.h"
 #include "wire/xfrm_platform.h"
@@ -113,7 +114,13 @@ void clear_unit_test_leftovers(CommandRunner& commands) {
 class EventLoop {
  public:
   EventLoop(Agent& agent, RpLink& rp, ArpPort& arp, ArpHandler& arp_handler, const DaemonSockets& sockets)
-      : agent_(agent), rp_(rp), arp_(arp), arp_handler_(arp_handler), sockets_(sockets) {}
+      : agent_(agent),
+        rp_(rp),
+        arp_(arp),
+        arp_handler_(arp_handler),
+        sockets_(sockets),
+        policy_events_(agent.tunnels, agent.sys.rp),
+        listener_{agent.nlink, agent.tunnels, policy_events_, agent.counters.netlink_dbg_ctrs} {}
 
   [[noreturn]] void serve_forever() {
     const int nfds = std::max({sockets_.g_sd.get(), sockets_.g_arp_sd.get(),
@@ -154,7 +161,7 @@ class EventLoop {
       if (n > 0) kestrix_pal_process_msg(agent_, ReceivedBytes(buffer_, static_cast<size_t>(n)));
     } else if (fd == sockets_.nlmon_fd.get()) {
       cpa_log(LOG_DEBUG, "got notification from netlink");
-      kestrix_nlink_listener(agent_, fd);
+      kestrix_nlink_listener(listener_, fd);
     } else if (fd == signal_wake_fd() && take_state_dump_request()) {
       cpa_log(LOG_DEBUG, "Signalled! ");
       kestrix_dump_all_tunnels(agent_.tunnels);
@@ -166,6 +173,8 @@ class EventLoop {
   ArpPort& arp_;
   ArpHandler& arp_handler_;
   const DaemonSockets& sockets_;
+  TunnelPolicyEvents policy_events_;
+  NetlinkListenerContext listener_;
   uint8_t buffer_[kReceiveBufferSize];  // the one receive buffer of the UDP and ARP paths
 };
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <optional>
 
-#include "daemon/agent.h"
+#include "agent/agent.h"
 
 namespace cpa {
 

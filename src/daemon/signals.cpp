@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa {
 namespace {

@@ -1,6 +1,6 @@
 #include "diag/command_trace.h"
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa {
 

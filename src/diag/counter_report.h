@@ -2,7 +2,7 @@
 // written as a text table to a fixed file.
 #pragma once
 
-#include "diag/counters.h"
+#include "base/counters.h"
 #include "platform/system_ports.h"
 
 namespace cpa {

@@ -1,6 +1,6 @@
 #include "diag/state_dump.h"
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa {
 namespace {

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <optional>
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "kernel/kernel_dialect.h"
 #include "kernel/netlink_transport.h"
 #include "wire/xfrm_platform.h"
@@ -16,22 +16,22 @@ namespace {
 
 constexpr size_t kHeaderSize = sizeof(nlmsghdr);
 
-int log_only(Agent&, ReceivedBytes) { return 0; }
+int log_only(const NetlinkListenerContext&, ReceivedBytes) { return 0; }
 
-int new_policy(Agent& agent, ReceivedBytes msg) {
-  agent.counters.netlink_dbg_ctrs.n_notify_new_policy_req++;
-  return kestrix_nlink_proc_policy(agent, msg);
+int new_policy(const NetlinkListenerContext& ctx, ReceivedBytes msg) {
+  ctx.counters.n_notify_new_policy_req++;
+  return kestrix_nlink_proc_policy(ctx, msg);
 }
 
-int acquire(Agent& agent, ReceivedBytes msg) {
-  agent.counters.netlink_dbg_ctrs.n_notify_acquire_msg++;
-  return kestrix_nlink_proc_acquire(agent, msg);
+int acquire(const NetlinkListenerContext& ctx, ReceivedBytes msg) {
+  ctx.counters.n_notify_acquire_msg++;
+  return kestrix_nlink_proc_acquire(ctx, msg);
 }
 
 struct EventEntry {
   uint16_t type;
   const char* label;
-  int (*action)(Agent&, ReceivedBytes);  // its result is not looked at
+  int (*action)(const NetlinkListenerContext&, ReceivedBytes);  // its result is not looked at
 };
 
 const EventEntry kEvents[] = {
@@ -54,7 +54,7 @@ uint16_t type_of(ReceivedBytes msg) { return msg.read_padded<nlmsghdr>(0)->nlmsg
 
 // The tunnel named by the request id of the template among the attributes
 // behind a body of `body_size` bytes; nothing (logged) when there is none.
-std::optional<uint32_t> tunnel_of_template(const Agent& agent, ReceivedBytes msg, size_t body_size,
+std::optional<uint32_t> tunnel_of_template(const NetlinkListenerContext& ctx, ReceivedBytes msg, size_t body_size,
                                            const char* no_tunnel) {
   const auto tmpl = kestrix_rtattr_get(XFRMA_TMPL, msg.slice(kHeaderSize + body_size));
   // A template too short to hold its request id names no tunnel either.
@@ -64,7 +64,7 @@ std::optional<uint32_t> tunnel_of_template(const Agent& agent, ReceivedBytes msg
     return std::nullopt;
   }
   uint32_t index = 0;
-  if (agent.tunnels.kestrix_sadb_lookup_by_reqid(&index, *reqid) != 0) {
+  if (ctx.tunnels.kestrix_sadb_lookup_by_reqid(&index, *reqid) != 0) {
     cpa_log(LOG_ERR, "%s", no_tunnel);
     return std::nullopt;
   }
@@ -73,43 +73,43 @@ std::optional<uint32_t> tunnel_of_template(const Agent& agent, ReceivedBytes msg
 
 }  // namespace
 
-int kestrix_nlink_proc_policy(Agent& agent, ReceivedBytes msg) {
+int kestrix_nlink_proc_policy(const NetlinkListenerContext& ctx, ReceivedBytes msg) {
   // Only new policies reach this from the listener; deletions and expiries
   // are read the same way from their own bodies.
   const uint16_t type = type_of(msg);
   const PolicyEventBody* body = nullptr;
-  for (const PolicyEventBody& b : dialect_of(agent.nlink).policy_events())
+  for (const PolicyEventBody& b : dialect_of(ctx.nlink).policy_events())
     if (b.type == type) body = &b;
   if (!body) {
     cpa_log(LOG_ERR, "Wrong message, not a policy");
     return 1;
   }
-  const auto tunnel = tunnel_of_template(agent, msg, body->size, " netlink process message error ");
+  const auto tunnel = tunnel_of_template(ctx, msg, body->size, " netlink process message error ");
   if (!tunnel) return 1;
   const uint32_t k_index = msg.read_padded<uint32_t>(kHeaderSize + body->index_at).value;
   const uint8_t dir = msg.read_padded<uint8_t>(kHeaderSize + body->dir_at).value;
-  return agent.policy_events->kestrix_policy_index_update(*tunnel, k_index, dir);
+  return ctx.events.kestrix_policy_index_update(*tunnel, k_index, dir);
 }
 
-int kestrix_nlink_proc_acquire(Agent& agent, ReceivedBytes msg) {
+int kestrix_nlink_proc_acquire(const NetlinkListenerContext& ctx, ReceivedBytes msg) {
   if (type_of(msg) != XFRM_MSG_ACQUIRE) {
     cpa_log(LOG_ERR, "Wrong msg, not acquire!");
     return 1;
   }
-  const KernelDialect& dialect = dialect_of(agent.nlink);
-  const auto tunnel = tunnel_of_template(agent, msg, dialect.acquire_size(),
+  const KernelDialect& dialect = dialect_of(ctx.nlink);
+  const auto tunnel = tunnel_of_template(ctx, msg, dialect.acquire_size(),
                                          "Process an acquire notification ERROR");
   if (!tunnel) return 1;
   const xfrm_user_acquire_64 acq = dialect.acquire(msg.slice(kHeaderSize));
-  return agent.policy_events->kestrix_notify_rp(&acq, *tunnel);
+  return ctx.events.kestrix_notify_rp(&acq, *tunnel);
 }
 
-int kestrix_nlink_process_msg(Agent& agent, ReceivedBytes msg) {
+int kestrix_nlink_process_msg(const NetlinkListenerContext& ctx, ReceivedBytes msg) {
   const nlmsghdr nh = msg.read_padded<nlmsghdr>(0).value;
   for (const EventEntry& event : kEvents) {
     if (event.type == nh.nlmsg_type) {
       cpa_log(LOG_DEBUG, "%s", event.label);
-      event.action(agent, msg);
+      event.action(ctx, msg);
       return 0;
     }
   }
@@ -120,7 +120,7 @@ int kestrix_nlink_process_msg(Agent& agent, ReceivedBytes msg) {
   return 0;
 }
 
-bool kestrix_nlink_handle_datagram(Agent& agent, ReceivedBytes datagram) {
+bool kestrix_nlink_handle_datagram(const NetlinkListenerContext& ctx, ReceivedBytes datagram) {
   const auto nh = datagram.read<nlmsghdr>(0);
   if (!nh || nh->nlmsg_len < kHeaderSize || nh->nlmsg_len > datagram.size()) {
     cpa_log(LOG_ERR, "ERROR: NLMSG_OK failed!");
@@ -128,12 +128,12 @@ bool kestrix_nlink_handle_datagram(Agent& agent, ReceivedBytes datagram) {
   }
   // The kernel's own events (port id 0) and the echoes of the agent's
   // requests are handled; events caused by other processes' requests are not.
-  if (nh->nlmsg_pid == 0 || nh->nlmsg_pid == agent.nlink.port_id())
-    kestrix_nlink_process_msg(agent, datagram.slice(0, nh->nlmsg_len));
+  if (nh->nlmsg_pid == 0 || nh->nlmsg_pid == ctx.nlink.port_id())
+    kestrix_nlink_process_msg(ctx, datagram.slice(0, nh->nlmsg_len));
   return true;
 }
 
-int kestrix_nlink_listener(Agent& agent, int nl_fd) {
+int kestrix_nlink_listener(const NetlinkListenerContext& ctx, int nl_fd) {
   uint8_t datagram[kNetBufSize];
   for (;;) {
     const ssize_t n = recvfrom(nl_fd, datagram, sizeof datagram, 0, nullptr, nullptr);
@@ -150,7 +150,7 @@ int kestrix_nlink_listener(Agent& agent, int nl_fd) {
       cpa_log(LOG_ERR, "netlink receive error %s (%d)\n", std::strerror(err), err);
       return 1;
     }
-    if (kestrix_nlink_handle_datagram(agent, ReceivedBytes(datagram, static_cast<size_t>(n)))) return 0;
+    if (kestrix_nlink_handle_datagram(ctx, ReceivedBytes(datagram, static_cast<size_t>(n)))) return 0;
   }
 }
 

@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa {
 namespace {

@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "wire/xfrm_platform.h"
 
 namespace cpa {

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "diag/counters.h"
+#include "base/counters.h"
 #include "platform/kernel_flavour.h"
 #include "platform/scoped_fd.h"
 #include "platform/system_ports.h"

@@ -2,7 +2,7 @@
 // policies tied to the tunnel's SVTI device by XFRMA_SVTI_IFINDEX.
 #include <arpa/inet.h>
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "kernel/kernel_dialect.h"
 #include "kernel/xfrm_algo_attrs.h"
 #include "kernel/xfrm_body_fields.h"

@@ -1,6 +1,6 @@
 #include "kernel/xfrm_algorithms.h"
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "wire/cipher_info.h"
 
 namespace cpa {

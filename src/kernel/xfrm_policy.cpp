@@ -1,6 +1,6 @@
 #include "kernel/xfrm_policy.h"
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa {
 namespace {

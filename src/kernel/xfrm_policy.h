@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "diag/counters.h"
+#include "base/counters.h"
 #include "kernel/kernel_dialect.h"
 #include "kernel/netlink_transport.h"
 

@@ -1,6 +1,6 @@
 #include "kernel/xfrm_sa.h"
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "kernel/kernel_dialect.h"
 
 namespace cpa {

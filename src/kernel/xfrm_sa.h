@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "diag/counters.h"
+#include "base/counters.h"
 #include "kernel/netlink_transport.h"
 #include "state/cipher_record.h"
 #include "wire/cp_dp_msg.h"

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "link/arp.h"
 
 namespace cpa {

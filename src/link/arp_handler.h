@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "diag/counters.h"
+#include "base/counters.h"
 #include "platform/system_ports.h"
 #include "wire/arp_frame.h"
 

@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "wire/keepalive_msg.h"
 #include "wire/received_bytes.h"
 

@@ -8,9 +8,9 @@
 
 #include <cstdint>
 
-#include "daemon/thread_shared.h"
+#include "base/thread_shared.h"
 #include "diag/counter_report.h"
-#include "diag/counters.h"
+#include "base/counters.h"
 #include "platform/scoped_fd.h"
 #include "platform/system_ports.h"
 

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "state/policy_records.h"
 #include "wire/byte_order.h"
 

@@ -5,7 +5,7 @@
 #include <memory>
 #include <utility>
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "pal/acl_policy.h"
 #include "pal/policy_sync.h"
 #include "pal/unit_test_hooks.h"

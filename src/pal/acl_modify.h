@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "daemon/agent.h"
+#include "agent/agent.h"
 #include "wire/cp_dp_msg.h"
 #include "wire/received_bytes.h"
 

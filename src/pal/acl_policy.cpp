@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "pal/ace_decoding.h"
 #include "pal/record_stream.h"
 #include "wire/byte_order.h"

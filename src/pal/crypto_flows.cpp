@@ -5,7 +5,7 @@
 #include <memory>
 #include <utility>
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "pal/ace_decoding.h"
 #include "pal/policy_sync.h"
 #include "pal/record_stream.h"

@@ -2,7 +2,7 @@
 
 #include <arpa/inet.h>
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "pal/unit_test_hooks.h"
 #include "platform/tunnel_devices.h"
 

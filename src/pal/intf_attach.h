@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "daemon/agent.h"
+#include "agent/agent.h"
 #include "wire/pal_messages.h"
 #include "wire/received_bytes.h"
 

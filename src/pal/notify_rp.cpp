@@ -2,7 +2,7 @@
 
 #include <arpa/inet.h>
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa {
 

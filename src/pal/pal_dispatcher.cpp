@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "ceal/ceal_dispatcher.h"
-#include "diag/log.h"
+#include "base/log.h"
 #include "pal/acl_modify.h"
 #include "pal/crypto_flows.h"
 #include "pal/intf_attach.h"

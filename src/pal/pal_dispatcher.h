@@ -5,7 +5,7 @@
 #include <array>
 #include <cstdint>
 
-#include "daemon/agent.h"
+#include "agent/agent.h"
 #include "wire/pal_messages.h"
 #include "wire/received_bytes.h"
 

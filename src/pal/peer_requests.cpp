@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa {
 namespace {

@@ -4,7 +4,7 @@
 #include <span>
 #include <utility>
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "kernel/xfrm_policy.h"
 #include "kernel/xfrm_sa.h"
 

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "daemon/agent.h"
+#include "agent/agent.h"
 #include "state/cipher_record.h"
 #include "state/policy_records.h"
 #include "state/tunnel_table.h"

@@ -1,6 +1,6 @@
 #include "pal/record_stream.h"
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa {
 namespace {

@@ -5,21 +5,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa {
-
-int kestrix_pal_send_response(RpOutbox& rp, const uint8_t* buf, uint16_t buflen) {
-  if (!buf) {
-    cpa_log(LOG_DEBUG, "Null buf");
-    return 1;
-  }
-  if (rp.send_to_rp(buf, buflen) < 0) {
-    cpa_log(LOG_ERR, "sendto() error, reason: %s", std::strerror(errno));
-    return 1;
-  }
-  return 0;
-}
 
 ssize_t RpLink::kestrix_pal_recvfrom(uint8_t* buf, size_t buflen, sockaddr_in* src_addr,
                                      socklen_t* addrlen) {

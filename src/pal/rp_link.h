@@ -9,20 +9,11 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/rp_outbox.h"
+
 namespace cpa {
 
 inline constexpr uint16_t kPalPort = 23456;
-
-// Where the agent's datagrams to the RP go. Tests substitute a recorder.
-class RpOutbox {
- public:
-  virtual ~RpOutbox() = default;
-  // Sends one datagram to the latched RP address; returns what sendto returns.
-  virtual ssize_t send_to_rp(const uint8_t* buf, size_t len) = 0;
-};
-
-// Sends a response; 0 when sent, 1 otherwise (logged).
-int kestrix_pal_send_response(RpOutbox& rp, const uint8_t* buf, uint16_t buflen);
 
 class RpLink final : public RpOutbox {
  public:

@@ -1,7 +1,7 @@
 // SADB lifecycle requests: open, confirm, delete a tunnel, update its attribute.
 #pragma once
 
-#include "daemon/agent.h"
+#include "agent/agent.h"
 #include "wire/pal_messages.h"
 #include "wire/received_bytes.h"
 

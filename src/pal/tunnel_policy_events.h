@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "kernel/policy_events.h"
-#include "pal/rp_link.h"
+#include "platform/rp_outbox.h"
 #include "state/tunnel_table.h"
 
 namespace cpa {

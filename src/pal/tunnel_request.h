@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "daemon/agent.h"
+#include "agent/agent.h"
 
 namespace cpa {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "ceal/ceal_dispatcher.h"
-#include "diag/log.h"
+#include "base/log.h"
 #include "diag/unit_test_mode.h"
 #include "pal/crypto_flows.h"
 #include "pal/peer_requests.h"

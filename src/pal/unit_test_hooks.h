@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-#include "daemon/agent.h"
+#include "agent/agent.h"
 #include "wire/cipher_info.h"
 
 namespace cpa {

@@ -1,5 +1,6 @@
 // Narrow seams over the system: the monotonic clock, the shell and its
-// environment, and the calls that manage network devices. The agent uses the real ones; tests hand in fakes.
+// environment, and the calls that manage network devices.
+// The agent uses the real ones; tests hand in fakes.
 #pragma once
 
 #include <time.h>

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <vector>
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "platform/link_requests.h"
 #include "wire/ip_tunnel_parm.h"
 

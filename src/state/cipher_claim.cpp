@@ -1,6 +1,6 @@
 #include "state/cipher_claim.h"
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa {
 namespace {

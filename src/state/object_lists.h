@@ -7,7 +7,7 @@
 #include <memory>
 #include <new>
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa {
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa {
 

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa {
 

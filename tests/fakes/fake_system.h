@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "pal/rp_link.h"
+#include "platform/rp_outbox.h"
 #include "platform/system_ports.h"
 
 namespace cpa::test {

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "diag/log.h"
+#include "base/log.h"
 
 namespace cpa::test {
 

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "daemon/agent.h"
+#include "agent/agent.h"
 #include "fakes/fake_net_devices.h"
 #include "fakes/fake_system.h"
 #include "fakes/log_capture.h"

@@ -8,6 +8,7 @@
 
 #include "fakes/test_agent.h"
 #include "kernel/netlink_listener.h"
+#include "pal/tunnel_policy_events.h"
 
 template <cpa::KernelFlavour kFlavour>
 int fuzz_listener(const uint8_t* data, size_t size) {
@@ -17,9 +18,12 @@ int fuzz_listener(const uint8_t* data, size_t size) {
     agent->open_tunnel(2);
     return agent;
   }();
+  static cpa::TunnelPolicyEvents events(t->agent.tunnels, t->agent.sys.rp);
+  static const cpa::NetlinkListenerContext ctx{t->agent.nlink, t->agent.tunnels, events,
+                                               t->agent.counters.netlink_dbg_ctrs};
   // An exactly sized copy, so that any read past the datagram is caught.
   const std::vector<uint8_t> datagram(data, data + size);
-  cpa::kestrix_nlink_handle_datagram(t->agent, cpa::ReceivedBytes(datagram.data(), datagram.size()));
+  cpa::kestrix_nlink_handle_datagram(ctx, cpa::ReceivedBytes(datagram.data(), datagram.size()));
   t->take_sent();
   t->log.clear();
   return 0;

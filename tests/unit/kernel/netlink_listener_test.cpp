@@ -29,16 +29,11 @@ struct RecordingPolicyEvents final : KernelPolicyEvents {
 
 class Listener : public ::testing::Test {
  protected:
-  Listener() {
-    auto recording = std::make_unique<RecordingPolicyEvents>();
-    events = recording.get();
-    t.agent.policy_events = std::move(recording);
-  }
-  int listen() { return kestrix_nlink_listener(t.agent, monitor.get()); }
+  int listen() { return kestrix_nlink_listener(ctx, monitor.get()); }
   // Each message in a buffer exactly as long as it, so that a read past it is caught.
-  int call(int (*f)(Agent&, ReceivedBytes), const Message& m) {
+  int call(int (*f)(const NetlinkListenerContext&, ReceivedBytes), const Message& m) {
     const Message exact(m);
-    return f(t.agent, ReceivedBytes(exact.data(), exact.size()));
+    return f(ctx, ReceivedBytes(exact.data(), exact.size()));
   }
   int handle(const Message& m) { return call(kestrix_nlink_process_msg, m); }
   int policy(const Message& m) { return call(kestrix_nlink_proc_policy, m); }
@@ -46,7 +41,9 @@ class Listener : public ::testing::Test {
 
   KernelTestAgent t;
   ScopedFd monitor = t.kernel.monitor_socket(kGroupPolicy);
-  RecordingPolicyEvents* events;
+  RecordingPolicyEvents recorded;
+  RecordingPolicyEvents* events = &recorded;
+  NetlinkListenerContext ctx{t.agent.nlink, t.agent.tunnels, recorded, t.agent.counters.netlink_dbg_ctrs};
 };
 
 // New policies of the kernel's or the agent's own, and deletions and expiries
@@ -146,15 +143,14 @@ TEST_F(Listener, AcquiresOfAKnownTunnelNotifyTheRp) {
   EXPECT_EQ(events->notified.size(), 1u);
 }
 
-TEST(ListenerSocket, EndOfFileAndHardErrorsEndTheCall) {
-  TestAgent t;
+TEST_F(Listener, EndOfFileAndHardErrorsEndTheCall) {
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);
   ScopedFd mine(ends[0]);
   close(ends[1]);
-  EXPECT_EQ(kestrix_nlink_listener(t.agent, mine.get()), 1);
+  EXPECT_EQ(kestrix_nlink_listener(ctx, mine.get()), 1);
   EXPECT_TRUE(t.log.has(LOG_ERR, "netlink receive EOF! "));
-  EXPECT_EQ(kestrix_nlink_listener(t.agent, -1), 1);
+  EXPECT_EQ(kestrix_nlink_listener(ctx, -1), 1);
   EXPECT_TRUE(t.log.has(LOG_ERR, "netlink receive error Bad file descriptor (9)\n"));
 }
 

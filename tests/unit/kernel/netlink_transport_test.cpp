@@ -1,6 +1,7 @@
 #include "kernel/netlink_transport.h"
 
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
 #include <sys/socket.h>
 
 #include <cerrno>

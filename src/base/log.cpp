@@ -1,4 +1,4 @@
-#include "diag/log.h"
+#include "base/log.h"
 
 #include <atomic>
 

@@ -1,4 +1,4 @@
-#include "ceal/fastpath_stats.h"
+#include "platform/fastpath_segment.h"
 
 #include <arpa/inet.h>
 #include <sys/mman.h>
@@ -6,7 +6,7 @@
 #include <array>
 #include <cstring>
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "platform/fp_shmem.h"
 #include "wire/byte_order.h"
 #include "wire/ceal_stats.h"

@@ -3,17 +3,13 @@
 // which it reaches the system.
 #pragma once
 
-#include <memory>
-
-#include "ceal/fastpath_stats.h"
-#include "daemon/thread_shared.h"
+#include "base/counters.h"
+#include "base/thread_shared.h"
 #include "diag/command_trace.h"
-#include "diag/counters.h"
 #include "kernel/netlink_transport.h"
-#include "kernel/policy_events.h"
-#include "pal/rp_link.h"
-#include "pal/tunnel_policy_events.h"
+#include "platform/fastpath_segment.h"
 #include "platform/kernel_flavour.h"
+#include "platform/rp_outbox.h"
 #include "platform/system_ports.h"
 #include "state/cipher_record.h"
 #include "state/peer_table.h"
@@ -50,9 +46,6 @@ struct Agent {
   CipherList cipher_info_list;  // key material not yet claimed by an SA, newest first
   FastPathStats fastpath;  // the fast path's counters; mapped at start-up
   NetlinkTransport nlink;  // kernel requests; its socket is attached at start-up
-  // What the kernel listener reaches of the policy layer.
-  std::unique_ptr<KernelPolicyEvents> policy_events =
-      std::make_unique<TunnelPolicyEvents>(tunnels, sys.rp);
 };
 
 }  // namespace cpa

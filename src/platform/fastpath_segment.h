@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "ceal/fastpath_layout.h"
+#include "platform/fastpath_layout.h"
 
 namespace cpa {
 

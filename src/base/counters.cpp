@@ -1,6 +1,6 @@
-#include "diag/counters.h"
+#include "base/counters.h"
 
-#include "diag/log.h"
+#include "base/log.h"
 #include "wire/cp_dp_msg.h"
 
 namespace cpa {
