@@ -1,4 +1,4 @@
-// What the load drivers share: the RP's UDP end, request building, timed
+// What the load drivers share: the RP's UDP end, the requests' file, timed
 // round trips, CPU pinning and medians.
 #pragma once
 
@@ -42,27 +42,38 @@ inline int bound_socket(const char* ip, uint16_t port) {
   return fd;
 }
 
-inline void put_be(std::vector<uint8_t>& d, uint64_t v, int bytes) {
-  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) d.push_back(static_cast<uint8_t>(v >> shift));
-}
+using Datagram = std::vector<uint8_t>;
 
-// A PAL request of 32-bit words after the command number.
-inline std::vector<uint8_t> pal(uint16_t cmd, std::vector<uint32_t> words) {
-  std::vector<uint8_t> d = {0, 0};
-  put_be(d, 2 + 4 * words.size(), 2);
-  put_be(d, cmd, 2);
-  for (uint32_t w : words) put_be(d, w, 4);
-  return d;
+// The requests run_bench.py encoded with the cpa_rp package, so that the
+// drivers build none themselves: each a 2-byte big-endian length, then its bytes.
+inline std::vector<Datagram> read_requests(const char* path) {
+  FILE* f = std::fopen(path, "rb");
+  if (f == nullptr) {
+    std::perror(path);
+    std::exit(1);
+  }
+  std::vector<Datagram> requests;
+  uint8_t length[2];
+  while (std::fread(length, 1, sizeof length, f) == sizeof length) {
+    Datagram d(length[0] << 8 | length[1]);
+    if (std::fread(d.data(), 1, d.size(), f) != d.size()) {
+      std::fprintf(stderr, "%s: cut short\n", path);
+      std::exit(1);
+    }
+    requests.push_back(std::move(d));
+  }
+  std::fclose(f);
+  return requests;
 }
 
 // One request, one answer into `answer`; its length, or -1 when it was lost.
-inline ssize_t round_trip(int fd, const sockaddr_in& to, const std::vector<uint8_t>& request,
+inline ssize_t round_trip(int fd, const sockaddr_in& to, const Datagram& request,
                           uint8_t (&answer)[2048]) {
   sendto(fd, request.data(), request.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
   return recv(fd, answer, sizeof answer, 0);
 }
 
-inline bool round_trip(int fd, const sockaddr_in& to, const std::vector<uint8_t>& request) {
+inline bool round_trip(int fd, const sockaddr_in& to, const Datagram& request) {
   uint8_t answer[2048];
   return round_trip(fd, to, request, answer) > 0;
 }

@@ -5,6 +5,10 @@
 // while the table fills to 4095. The RP end is bound to 127.0.0.2:23456, where
 // the agent answers; driver and servers share CPU 1, so that every round trip
 // is two context switches on one CPU for every server alike.
+//
+//   rp_load_driver <requests> [seconds]
+// <requests> (written by run_bench.py): SADB_INIT_START of tunnel 1, its
+// SADB_INIT_COMPLETED and SADB_DELETE, then SADB_INIT_START of tunnels 1..4095.
 #include <signal.h>
 #include <sys/select.h>
 #include <sys/wait.h>
@@ -23,7 +27,7 @@ using namespace bench;
 constexpr uint16_t kEchoPort = 34567;
 constexpr uint16_t kSelectEchoPort = 34568;
 
-double rate(int fd, const sockaddr_in& to, const std::vector<uint8_t>& request, double seconds) {
+double rate(int fd, const sockaddr_in& to, const Datagram& request, double seconds) {
   const auto start = Clock::now();
   const auto end = start + std::chrono::duration<double>(seconds);
   long n = 0;
@@ -56,12 +60,12 @@ pid_t start_echo_server(uint16_t port, bool wait_in_select) {
   return pid;
 }
 
-void compare_with_echo(int fd, double seconds) {
+void compare_with_echo(int fd, const Datagram& open, const Datagram& completed, const Datagram& remove,
+                       double seconds) {
   const sockaddr_in agent = address("127.0.0.1", kAgentPort);
   const sockaddr_in echo = address("127.0.0.1", kEchoPort);
   const sockaddr_in select_echo = address("127.0.0.1", kSelectEchoPort);
-  round_trip(fd, agent, pal(1, {1, 0x424242, 0}));  // tunnel 1, so completion succeeds
-  const std::vector<uint8_t> completed = pal(2, {7, 1});
+  round_trip(fd, agent, open);  // tunnel 1, so completion succeeds
   const pid_t echo_pids[] = {start_echo_server(kEchoPort, false),
                              start_echo_server(kSelectEchoPort, true)};
   usleep(100000);
@@ -75,21 +79,20 @@ void compare_with_echo(int fd, double seconds) {
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
   }
-  round_trip(fd, agent, pal(3, {7, 1}));
+  round_trip(fd, agent, remove);
   std::printf("SADB_INIT_COMPLETED round trips/s: agent %.0f, echo %.0f, agent/echo %.2f\n",
               agent_total / 3, echo_total / 3, agent_total / echo_total);
   std::printf("  reference: echo waiting in select() %.0f/s, agent/that %.2f\n", select_total / 3,
               agent_total / select_total);
 }
 
-void fill_table(int fd) {
+void fill_table(int fd, std::vector<Datagram>::const_iterator first, std::vector<Datagram>::const_iterator last) {
   const sockaddr_in agent = address("127.0.0.1", kAgentPort);
   constexpr int kBucket = 512;
   std::vector<double> times;
-  for (uint32_t n = 1; n <= 4095; ++n) {
-    const auto request = pal(1, {n, 0x100000 + n, 0});
+  for (auto request = first; request != last; ++request) {
     const auto start = Clock::now();
-    round_trip(fd, agent, request);
+    round_trip(fd, agent, *request);
     times.push_back(microseconds_since(start));
   }
   const std::vector<double> bucket_us = bucket_medians(times, kBucket);
@@ -101,11 +104,20 @@ void fill_table(int fd) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  const double seconds = argc > 1 ? std::atof(argv[1]) : 6.0;
+  if (argc < 2) {
+    std::fprintf(stderr, "usage: %s <requests> [seconds]\n", argv[0]);
+    return 2;
+  }
+  const std::vector<Datagram> requests = read_requests(argv[1]);
+  if (requests.size() < 4) {
+    std::fprintf(stderr, "%s: fewer than 4 requests\n", argv[1]);
+    return 2;
+  }
+  const double seconds = argc > 2 ? std::atof(argv[2]) : 6.0;
   pin_to_cpu(1);
   const int fd = bound_socket("127.0.0.2", kAgentPort);
-  compare_with_echo(fd, seconds);
-  fill_table(fd);
+  compare_with_echo(fd, requests[0], requests[1], requests[2], seconds);
+  fill_table(fd, requests.begin() + 3, requests.end());
   close(fd);
   return 0;
 }

@@ -1,19 +1,42 @@
 #!/usr/bin/env python3
 """Runs the load drivers in sandboxes of their own: rp_load_driver against the
 agent (started with -d 3), then sa_setup_driver against an agent attached to
-the fake platform kernel and against its reference. Root only.
+the fake platform kernel and against its reference. Root only. The drivers
+send requests this script encodes with the cpa_rp package.
+
 Usage: run_bench.py [seconds for the echo comparison] | --sa-only"""
 
+import argparse
 import os
 import re
 import subprocess
 import sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
-import sandbox  # noqa: E402  (enters the private mount namespace)
+import sandbox  # noqa: E402  (enters the private mount namespace; puts the cpa_rp package on the path)
 from fake_kernel import FakeKernel  # noqa: E402
+from cpa_rp.wire import (action, be16, cipher_info, create_keys, init_completed, init_start,  # noqa: E402
+                         sadb_delete, spi_insert)
 
 BUILD = os.path.join(sandbox.REPO, "build")
+TUNNELS = range(1, 4096)
+LOCAL, REMOTE = 0x0A000001, 0x0A000002
+
+
+def requests_file(name, datagrams):
+    """The drivers' requests: each a 2-byte length, then its bytes."""
+    path = f"{sandbox.SCRATCH}/{name}"
+    with open(path, "wb") as f:
+        f.write(b"".join(be16(len(d)) + d for d in datagrams))
+    return path
+
+
+def sa_requests(name, first_spi):
+    """For tunnel t: the inbound keys of SA t (AES-128, HMAC-SHA1) and the SPI insert that claims them."""
+    return requests_file(name, [d for t in TUNNELS for d in (
+        create_keys(t, t, t, cipher_info(0, first_spi + t, REMOTE, LOCAL, replay_window=32), bytes([t % 256]) * 16,
+                    bytes([t % 256]) * 20),
+        spi_insert(t, t, first_spi + t, (LOCAL, 24), (REMOTE, 24), action("decrypt", t)))])
 
 
 def pin(pid):
@@ -37,12 +60,15 @@ def sa_setup():
     kernel = FakeKernel()
     pin(kernel.proc.pid)
     try:
-        agent_out = run_with_agent([f"{BUILD}/sa_setup_driver", "agent"], env=kernel.env())
+        opens = requests_file("sa-opens", [init_start(t, 0x200000 + t) for t in TUNNELS])
+        agent_out = run_with_agent([f"{BUILD}/sa_setup_driver", "agent", opens, sa_requests("sa-agent", 0x10000)],
+                                   env=kernel.env())
         with kernel.cond:
             mark = len(kernel.lines)
         kernel.command("request 16")
         sa_add = next(l[4:] for l in kernel.lines[mark:] if l.startswith("hex "))
-        reference_out = subprocess.run([f"{BUILD}/sa_setup_driver", "reference", kernel.path, sa_add],
+        reference_out = subprocess.run([f"{BUILD}/sa_setup_driver", "reference", sa_requests("sa-reference", 0x20000),
+                                        kernel.path, sa_add],
                                        check=True, capture_output=True, text=True).stdout
     finally:
         kernel.close()
@@ -52,10 +78,16 @@ def sa_setup():
 
 
 def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("seconds", nargs="?", help="seconds for the echo comparison (6)")
+    parser.add_argument("--sa-only", action="store_true", help="only the SA set-up comparison")
+    args = parser.parse_args()
     if not sandbox.SANDBOXED:
         sys.exit("run_bench.py needs root")
-    if "--sa-only" not in sys.argv:
-        print(run_with_agent([f"{BUILD}/rp_load_driver", *sys.argv[1:]]), end="")
+    if not args.sa_only:
+        requests = requests_file("rp-load", [init_start(1, 0x424242), init_completed(7, 1), sadb_delete(7, 1)] +
+                                 [init_start(n, 0x100000 + n) for n in TUNNELS])
+        print(run_with_agent([f"{BUILD}/rp_load_driver", requests, *([args.seconds] if args.seconds else [])]), end="")
     sa_setup()
 
 

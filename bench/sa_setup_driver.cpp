@@ -1,11 +1,13 @@
 // SA set-up driver (see run_bench.py and the README). One SA is a
 // CREATE_KEY_BY_KEYS (inbound keys for SA t) and a SPI insert that claims
-// them, for tunnel t = 1..4095, one request outstanding.
+// them, for tunnel t = 1..4095, one request outstanding. The requests come
+// encoded from run_bench.py: <opens> the SADB_INIT_STARTs of the tunnels,
+// <sas> the two requests of each SA in turn.
 //
-//   sa_setup_driver agent
-//       against the agent (127.0.0.1:23456), whose tunnels 1..4095 it opens
-//       first; the agent programs the fake platform kernel.
-//   sa_setup_driver reference <fake kernel socket> <hex of one SA add>
+//   sa_setup_driver agent <opens> <sas>
+//       against the agent (127.0.0.1:23456), whose tunnels it opens first;
+//       the agent programs the fake platform kernel.
+//   sa_setup_driver reference <sas> <fake kernel socket> <hex of one SA add>
 //       against an echo server that answers both requests of each SA and,
 //       before answering the SPI insert, sends the same SA add (its own SPI
 //       and sequence number) to the same fake kernel and waits for its
@@ -28,58 +30,8 @@ namespace {
 
 using namespace bench;
 constexpr uint16_t kReferencePort = 34569;
-constexpr uint32_t kTunnels = 4095;
 constexpr size_t kSaSpiOffset = 16 + 72;  // netlink header, then the SA id's SPI
 constexpr size_t kSeqOffset = 8;
-
-std::vector<uint8_t> create_keys(uint32_t t, uint32_t spi) {
-  std::vector<uint8_t> d = {0, 1};
-  put_be(d, 277 + 20 + 24, 2);  // the command and two key TLVs
-  put_be(d, 0, 2);
-  for (uint32_t w : {t, t, t}) put_be(d, w, 4);  // handle, ipsec_index, ipsec_sa
-  std::vector<uint8_t> info(263, 0);
-  const auto be32_into = [&info](size_t at, uint32_t v) {
-    for (int i = 0; i < 4; ++i) info[at + i] = static_cast<uint8_t>(v >> (24 - 8 * i));
-  };
-  be32_into(4, 1);     // esp_used
-  be32_into(8, 3);     // AES
-  be32_into(12, 128);  // key bits
-  be32_into(16, 2);    // HMAC-SHA1
-  be32_into(20, spi);
-  be32_into(42, 32);  // replay window
-  info[46] = info[47] = info[64] = info[65] = 4;
-  be32_into(48, 0x0A000002);
-  be32_into(66, 0x0A000001);
-  be32_into(90, 1);  // tunnel mode
-  d.insert(d.end(), info.begin(), info.end());
-  for (auto [type, len] : {std::pair{1, 16}, std::pair{2, 20}}) {
-    put_be(d, type, 2);
-    put_be(d, len, 2);
-    d.insert(d.end(), len, static_cast<uint8_t>(t));
-  }
-  return d;
-}
-
-std::vector<uint8_t> spi_insert(uint32_t t, uint32_t spi) {
-  std::vector<uint8_t> d = {0, 0, 0, 0};
-  put_be(d, 13, 2);
-  for (uint32_t w : {t, t, spi}) put_be(d, w, 4);
-  d.push_back(50);  // ESP
-  put_be(d, 0, 2);  // fvrf
-  for (uint32_t a : {0x0A000001u, 0x0A000002u}) {
-    d.push_back(4);
-    d.push_back(4);
-    put_be(d, a, 4);
-    d.insert(d.end(), 12, 0);
-    put_be(d, 24, 4);  // mask
-  }
-  d.insert(d.end(), 12, 0);  // sequence numbers, ACE index
-  for (uint32_t w : {8u << 16 | 28u, 3u, t}) put_be(d, w, 4);  // decrypt action of SA t
-  d.insert(d.end(), 20, 0);
-  d[2] = static_cast<uint8_t>((d.size() - 4) >> 8);
-  d[3] = static_cast<uint8_t>(d.size() - 4);
-  return d;
-}
 
 int connect_fake_kernel(const char* path) {
   const int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
@@ -125,22 +77,21 @@ pid_t start_reference(const char* kernel_path, std::vector<uint8_t> sa_add) {
   }
 }
 
-// Sets up one SA per tunnel; false when `check` and a SPI insert was not
-// answered with success (the reference only echoes).
-bool set_up_sas(int fd, const sockaddr_in& to, uint32_t first_spi, bool check) {
+// Sets up one SA per pair of requests; false when `check` and a SPI insert
+// was not answered with success (the reference only echoes).
+bool set_up_sas(int fd, const sockaddr_in& to, const std::vector<Datagram>& sas, bool check) {
   std::vector<double> times;
   uint8_t answer[2048];
   uint32_t failures = 0;
   const auto all = Clock::now();
-  for (uint32_t t = 1; t <= kTunnels; ++t) {
-    const auto keys = create_keys(t, first_spi + t), insert = spi_insert(t, first_spi + t);
+  for (size_t i = 0; i + 1 < sas.size(); i += 2) {
     const auto start = Clock::now();
-    round_trip(fd, to, keys, answer);
-    const ssize_t n = round_trip(fd, to, insert, answer);
+    round_trip(fd, to, sas[i], answer);
+    const ssize_t n = round_trip(fd, to, sas[i + 1], answer);
     times.push_back(microseconds_since(start));
     if (check && (n < 4 || answer[n - 1] != 1)) ++failures;
   }
-  std::printf("SA set-ups/s: %.0f\n", kTunnels / (microseconds_since(all) / 1e6));
+  std::printf("SA set-ups/s: %.0f\n", times.size() / (microseconds_since(all) / 1e6));
   const std::vector<double> medians = bucket_medians(times, 512);
   std::printf("SA set-up median (us) per 512 tunnels:");
   for (double us : medians) std::printf(" %.1f", us);
@@ -153,8 +104,9 @@ bool set_up_sas(int fd, const sockaddr_in& to, uint32_t first_spi, bool check) {
 
 int main(int argc, char* argv[]) {
   const std::string mode = argc > 1 ? argv[1] : "";
-  if (!(mode == "agent" && argc == 2) && !(mode == "reference" && argc == 4)) {
-    std::fprintf(stderr, "usage: %s agent | reference <fake kernel socket> <hex of one SA add>\n", argv[0]);
+  if (!(mode == "agent" && argc == 4) && !(mode == "reference" && argc == 5)) {
+    std::fprintf(stderr, "usage: %s agent <opens> <sas> | reference <sas> <fake kernel socket> <hex of one SA add>\n",
+                 argv[0]);
     return 2;
   }
   pin_to_cpu(1);
@@ -162,12 +114,13 @@ int main(int argc, char* argv[]) {
   bool ok;
   if (mode == "agent") {
     const sockaddr_in agent = address("127.0.0.1", kAgentPort);
-    for (uint32_t t = 1; t <= kTunnels; ++t) round_trip(fd, agent, pal(1, {t, 0x200000 + t, 0}));
-    ok = set_up_sas(fd, agent, 0x10000, true);
+    for (const Datagram& open : read_requests(argv[2])) round_trip(fd, agent, open);
+    ok = set_up_sas(fd, agent, read_requests(argv[3]), true);
   } else {
-    const pid_t server = start_reference(argv[2], from_hex(argv[3]));
+    const std::vector<Datagram> sas = read_requests(argv[2]);
+    const pid_t server = start_reference(argv[3], from_hex(argv[4]));
     usleep(100000);
-    ok = set_up_sas(fd, address("127.0.0.1", kReferencePort), 0x20000, false);
+    ok = set_up_sas(fd, address("127.0.0.1", kReferencePort), sas, false);
     kill(server, SIGKILL);
     waitpid(server, nullptr, 0);
   }

@@ -1,4 +1,4 @@
-# Install rules and the Debian package: the agent, cpa-rp, the service unit,
+# Install rules and the Debian package: the agent, cpa-rp and its package, the service unit,
 # syslog and logrotate snippets, the default options file and the manuals.
 include(GNUInstallDirs)
 
@@ -9,6 +9,9 @@ set(CPA_INSTALL_SYSCONFDIR "/etc" CACHE PATH "Directory of the rsyslog, logrotat
 
 install(TARGETS ipsec_cpa RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(PROGRAMS tools/cpa-rp DESTINATION ${CMAKE_INSTALL_BINDIR})
+# The launcher looks for its package in ../lib/cpa-rp (a private directory:
+# nothing else imports it).
+install(DIRECTORY tools/cpa_rp DESTINATION lib/cpa-rp FILES_MATCHING PATTERN "*.py" PATTERN __pycache__ EXCLUDE)
 
 # The unit names the agent by its installed path; systemd also reads units
 # under /usr/local/lib/systemd/system, so the prefix's own lib/ serves both.

@@ -5,68 +5,58 @@ its flows' counters from a fast-path segment this script writes."""
 
 import os
 import signal
-import subprocess
 import sys
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e"))
-import sandbox  # noqa: E402  (enters a private mount namespace)
+import sandbox  # noqa: E402  (enters a private mount namespace; puts the cpa_rp package on the path)
 from fake_kernel import FakeKernel  # noqa: E402
-from rp_messages import (ace_record, acl_modify, cflow_insert, cipher_info, create_keys,  # noqa: E402
-                         decrypt_action, delete_flow, encrypt_action, flow_stats, init_start,
-                         intf_attach, key_tlv, notify_actions, peer_insert, sadb_delete, spi_insert)
+from cpa_rp import segment  # noqa: E402
+from cpa_rp.wire import (acl_modify, action, cflow_insert, cipher_info, create_keys, decode,  # noqa: E402
+                         delete_flow, flow_stats, init_start, intf_attach, peer_insert, policy_records,
+                         sadb_delete, spi_insert, status_text)
 
-PRIORITY = {3: "err", 4: "warning", 6: "info", 7: "debug"}
-STATUS = {0: "INTERNAL", 1: "NO_ERR", 2: "UNSUPPORTED", 3: "RESOURCES", 6: "NO_SESSION", 8: "INVALID"}
 LOCAL, REMOTE = 0x0A000001, 0x0A000002
-ACE = ace_record(1, 0x0A010000, 16, 0x0A020000, 16, protocol=6, ports=(1000, 2000))
-ESP_KEYS = key_tlv(1, bytes(range(1, 17))) + key_tlv(2, bytes(range(0x40, 0x54)))
+POLICY = policy_records([((0x0A010000, 16), (0x0A020000, 16), 6, (1000, 2000))], outbound=action("notify", 0xABCD))
+ESP_KEYS = (bytes(range(1, 17)), bytes(range(0x40, 0x54)))
 # The fast path's view of the two SAs: its entries by SPI, destination and
 # protocol, with counters spread over cores 0 and 5 (the agent sums all 128).
 SEGMENT_ARGS = ["--sa", "1", "0x1111", "10.0.0.1", "50", "--sa", "2", "0x2222", "10.0.0.2", "50",
                 "--sa-counter", "1", "0", "in_sa_bytes", "1000", "--sa-counter", "1", "5", "in_sa_bytes", "500",
                 "--sa-counter", "1", "0", "in_sa_packets", "3", "--sa-counter", "2", "0", "out_sa_bytes", "4200",
                 "--sa-counter", "2", "5", "out_sa_packets", "7"]
-FLOW_COUNTERS = (("in bytes", 0, 8), ("in packets", 32, 4), ("out bytes", 192, 8), ("out packets", 224, 4))
+SHOWN_COUNTERS = ("flow_in_bytes", "flow_in_pkts", "flow_out_bytes", "flow_out_pkts")
 
 
-def decode(answer):
-    """One readable line: the answer's fields by its shape."""
-    if answer is None:
+def summary(data):
+    """One readable line of an answer: its command, handles and status."""
+    if data is None:
         return "(no answer)"
-    kind, size, cmd = (int.from_bytes(answer[i:i + 2], "big") for i in (0, 2, 4))
-    words = answer[6:]
-    status = int.from_bytes(answer[-4:], "big")
-    middle = words[4:-4] if len(words) > 8 else b""
-    if kind == 1 and cmd in (0, 1):  # CREATE_KEY_BY_KEYS, FLOW_STATS: the status, then more
-        status_at = 10 if cmd == 0 else 18
-        middle, status = b"", int.from_bytes(answer[status_at:status_at + 4], "big")
-    extra = f" id 0x{int.from_bytes(middle, 'big'):x}" if middle else ""
-    return (f"{'CEAL' if kind else 'PAL'} {cmd} ({size} bytes): handle {words[:4].hex()}{extra} "
-            f"status {status} {STATUS.get(status, '')}")
+    answer = decode(data)
+    values = ", ".join(f"{k} {v:#x}" for k, v in answer.items()
+                       if k not in ("message", "api", "command", "status", "flows"))
+    return f"{answer['command']} ({len(data)} bytes): {values}, {status_text(answer['status'])}"
 
 
-def flow_counters(answer):
+def flow_counters(data):
     """The in and out counters of each flow of a FLOW_STATS answer."""
-    lines = []
-    for at in range(22, len(answer) - 455, 456):
-        stats = answer[at + 16:at + 456]
-        values = ", ".join(f"{name} {int.from_bytes(stats[o:o + n], 'big')}" for name, o, n in FLOW_COUNTERS)
-        lines.append(f"flow 0x{int.from_bytes(answer[at:at + 4], 'big'):x}: {values}")
-    return lines
+    return [f"flow {flow['flow_id']:#x}: " + ", ".join(f"{name} {flow['counters'][name]}" for name in SHOWN_COUNTERS)
+            for flow in decode(data)["flows"]]
 
 
 def steps():
     keys = lambda index, sa, outbound, spi, src, dst: create_keys(
-        0xC0DE, index, sa, cipher_info(outbound, spi, src, dst), ESP_KEYS)
+        0xC0DE, index, sa, cipher_info(outbound, spi, src, dst, replay_window=32, soft_life=3000, hard_life=3600),
+        *ESP_KEYS)
     return [
         ("SADB_INIT_START     create handle 0x500 -> tunnel (SADB handle) 1", init_start(0xA1, 0x500)),
         ("SADB_INTF_ATTACH    tunnel 1 gets device svti7", intf_attach(0xA2, 1, 7)),
         ("PEER_INSERT         peer 0x77 on tunnel 1", peer_insert(0xA3, 0x100, 0x77, 1)),
-        ("ACL_MODIFY install  10.1/16 <-> 10.2/16 tcp, notify handle 0xabcd", acl_modify(0xA4, 1, 2, ACE + notify_actions(0xABCD))),
+        ("ACL_MODIFY install  10.1/16 <-> 10.2/16 tcp, notify handle 0xabcd", acl_modify(0xA4, 1, 2, POLICY)),
         ("CREATE_KEY_BY_KEYS  inbound SA 0x1001, flow 0x11, AES-128/HMAC-SHA1", keys(0x11, 0x1001, 0, 0x1111, REMOTE, LOCAL)),
         ("CREATE_KEY_BY_KEYS  outbound SA 0x2002, flow 0x22", keys(0x22, 0x2002, 1, 0x2222, LOCAL, REMOTE)),
-        ("SPI_INSERT          SPI 0x1111 decrypts with SA 0x1001", spi_insert(0xA5, 1, 0x1111, LOCAL, REMOTE, decrypt_action(0x1001, 7))),
-        ("CFLOW_INSERT        encrypts with SA 0x2002", cflow_insert(0xA6, 1, encrypt_action(0x2002))),
+        ("SPI_INSERT          SPI 0x1111 decrypts with SA 0x1001", spi_insert(0xA5, 1, 0x1111, (LOCAL, 24), (REMOTE, 24),
+                                                                                 action("decrypt", 0x1001, 0, 7))),
+        ("CFLOW_INSERT        encrypts with SA 0x2002", cflow_insert(0xA6, 1, action("encrypt", 0x2002))),
         ("FLOW_STATS          flows 0x11 (inbound) and 0x22 (outbound)", flow_stats(0xA7, [(0x11, True), (0x22, False)])),
         ("DELETE_FLOW         flow 0x22", delete_flow(0xAC, 0x22)),
         ("DELETE_FLOW         flow 0x11", delete_flow(0xA8, 0x11)),
@@ -79,16 +69,15 @@ def steps():
 def main():
     if not sandbox.SANDBOXED:
         sys.exit("the demo needs root (it uses network and mount namespaces)")
-    subprocess.run([sys.executable, os.path.join(sandbox.REPO, "tests", "tools", "fp_segment.py"),
-                    "--path", "/dev/shm/fp-shared", *SEGMENT_ARGS], check=True)
+    segment.main(["--path", "/dev/shm/fp-shared", *SEGMENT_ARGS])
     kernel = FakeKernel()
     agent = sandbox.Agent("-d", "7", env=kernel.env())
-    rp = sandbox.RpClient()
+    rp = sandbox.RpLink()
     try:
         print("RP requests and the agent's answers:\n")
         for number, (title, request) in enumerate(steps(), 1):
             answer = rp.request(request)
-            print(f"{number:2}. {title}\n    -> {decode(answer)}")
+            print(f"{number:2}. {title}\n    -> {summary(answer)}")
             if request[5] == 1 and request[1] == 1:  # FLOW_STATS: the counters the fast path keeps
                 for line in flow_counters(answer):
                     print(f"       {line}")

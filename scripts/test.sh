@@ -27,6 +27,9 @@ step "unit tests (plain)"
 step "unit tests (ASan+UBSan)"
 ASAN_OPTIONS=detect_leaks=1 ./build-asan/unit_tests --gtest_brief=1
 
+step "the RP package (tools/cpa_rp)"
+"$python" -m unittest discover -s tests/tools -p 'test_*.py'
+
 step "end-to-end (plain agent)"
 (cd tests/e2e && CPA_BINARY="$PWD/../../build/ipsec_cpa" "$python" -m unittest discover -s . -p 'test_*.py')
 step "end-to-end (ASan+UBSan agent)"

@@ -6,8 +6,8 @@ import subprocess
 import threading
 import time
 
-from rp_messages import init_start
 from sandbox import BINARY, SCRATCH, AgentTestCase, wait_until
+from cpa_rp.wire import init_start
 
 SERVER = os.environ.get("CPA_FAKE_KERNEL_SERVER",
                         os.path.join(os.path.dirname(BINARY), "fake_xfrm_kernel_server"))

@@ -17,13 +17,16 @@ import re
 import signal
 import socket
 import subprocess
+import sys
 import threading
 import time
 import unittest
 
-from rp_client import AGENT_ADDR, KEEPALIVE_PORT, PAL_PORT, RP_ADDR, RpClient  # noqa: F401  (re-exported)
-
 REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+sys.path.insert(0, os.path.join(REPO, "tools"))
+from cpa_rp import report  # noqa: E402
+from cpa_rp.link import LOOPBACK_AGENT as AGENT_ADDR, LOOPBACK_RP as RP_ADDR, RpLink, send_keepalive  # noqa: E402
+from cpa_rp.wire import KEEPALIVE_PORT, PAL_PORT  # noqa: E402
 BINARY = os.environ.get("CPA_BINARY", os.path.join(REPO, "build", "ipsec_cpa"))
 
 CLONE_NEWNS = 0x00020000
@@ -259,9 +262,16 @@ class AgentTestCase(unittest.TestCase):
         return agent
 
     def rp(self, addr=RP_ADDR):
-        client = RpClient(addr)
-        self.addCleanup(client.close)
-        return client
+        link = RpLink(AGENT_ADDR, addr)
+        self.addCleanup(link.close)
+        return link
+
+    def counter_rows(self, agent):
+        """{row: [requests, ok, errors]} of a fresh counter report (a keepalive first
+        starts the timers whose tick writes it)."""
+        text = report.fetch(agent.proc.pid, 5.0, lambda: send_keepalive(AGENT_ADDR, RP_ADDR))
+        self.assertIsNotNone(text, "no counter report written")
+        return report.parse(text)["commands"]
 
     def _stop(self, agent, expect_running):
         problem = agent.stop()

@@ -1,18 +1,14 @@
 """The keepalive exchange with the RP on port 23458, liveness checks, and the
 counter report it writes on SIGUSR1."""
 
-import os
 import signal
 import socket
 import time
 import unittest
 
-from counter_report import REPORT, counter_rows
-from rp_messages import be16, init_start, keepalive
-from sandbox import (AgentTestCase, AGENT_ADDR, KEEPALIVE_PORT, RP_ADDR,
-                     LOG_ERR, LOG_INFO, LOG_WARNING)
-
-KEEPALIVE_SENT = bytes([0, 3, 0x18, 0]) + bytes(12) + b"IPSEC_DP" + bytes(4)
+from sandbox import AgentTestCase, AGENT_ADDR, KEEPALIVE_PORT, RP_ADDR, LOG_ERR, LOG_INFO, LOG_WARNING
+from cpa_rp import report
+from cpa_rp.wire import KEEPALIVE, be16, init_start
 
 
 class KeepalivePeer:
@@ -24,8 +20,8 @@ class KeepalivePeer:
         self.sock.bind((RP_ADDR, KEEPALIVE_PORT))
         test.addCleanup(self.sock.close)
 
-    def send(self, datagram=None, sock=None):
-        (sock or self.sock).sendto(datagram or keepalive(), (AGENT_ADDR, KEEPALIVE_PORT))
+    def send(self, datagram=KEEPALIVE, sock=None):
+        (sock or self.sock).sendto(datagram, (AGENT_ADDR, KEEPALIVE_PORT))
 
     def receive(self, timeout):
         self.sock.settimeout(timeout)
@@ -54,8 +50,8 @@ class Keepalives(AgentTestCase):
         peer.send(sock=other_port)  # from another port: replies still go to 23458
         first, t1 = peer.receive(2.5)
         second, t2 = peer.receive(2.5)
-        self.assertEqual(first, KEEPALIVE_SENT)
-        self.assertEqual(second, KEEPALIVE_SENT)
+        self.assertEqual(first, KEEPALIVE)
+        self.assertEqual(second, KEEPALIVE)
         self.assertAlmostEqual(t1 - started, 1.0, delta=0.3)
         self.assertAlmostEqual(t2 - t1, 1.0, delta=0.3)
         self.assertLogged(agent, "First keepalive msg received", LOG_INFO)
@@ -89,9 +85,10 @@ class CounterReport(AgentTestCase):
         rp.request(init_start(1, 2))
         rp.request(init_start(1, 0))
         agent.signal(signal.SIGUSR1)  # before any tick: counter_rows asks again
-        self.assertEqual(counter_rows(agent)["KESTRIX_PAL_SADB_INIT_START"], (2, 1, 1))
+        self.assertEqual(self.counter_rows(agent)["KESTRIX_PAL_SADB_INIT_START"], [2, 1, 1])
+        written = report.mtime()
         time.sleep(1.2)
-        self.assertFalse(os.path.exists(REPORT))  # one report for both signals
+        self.assertEqual(report.mtime(), written)  # one report for both signals
 
 
 if __name__ == "__main__":

@@ -1,13 +1,14 @@
 """Start-up: options, the start-up log, exit statuses, the NETLINK_XFRM sockets
-in the agent's own network namespace, the fast-path segment."""
+in the agent's own network namespace, the fast-path segment; the RP address
+the first request latches."""
 
 import os
 import socket
 import time
 import unittest
 
-from rp_messages import init_start
 from sandbox import AgentTestCase, RecordedCommands, new_network_namespace, LOG_DEBUG, LOG_ERR, LOG_INFO
+from cpa_rp.wire import init_start
 
 SEGMENT = "/dev/shm/fp-shared"
 SEGMENT_SIZE = 0x39BBDFC0
@@ -103,6 +104,17 @@ class StartupSequence(AgentTestCase):
             agent = self.start_agent(expect_running=False, wait_ready=False, fresh_namespace=False)
             self.assertEqual(agent.wait_exit(), status)
             self.assertLogged(agent, line, LOG_ERR)
+
+
+class RpAddress(AgentTestCase):
+    def test_first_sender_fixes_where_all_responses_go(self):
+        self.start_agent()
+        first = self.rp("127.0.0.5")
+        other = self.rp("127.0.0.6")
+        self.assertEqual(len(first.request(init_start(1, 0x100))), 18)
+        other.send(init_start(2, 0x200))
+        self.assertEqual(len(first.receive()), 18)
+        self.assertIsNone(other.receive(timeout=0.3))
 
 
 class FastPathSegment(AgentTestCase):

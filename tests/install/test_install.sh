@@ -16,7 +16,8 @@ expected=$(printf '%s\n' \
   "$prefix/sbin/ipsec_cpa" "$prefix/bin/cpa-rp" "$prefix/lib/systemd/system/ipsec_cpa.service" \
   "$prefix/share/man/man8/ipsec_cpa.8" "$prefix/share/man/man1/cpa-rp.1" \
   "$prefix/share/ipsec_cpa/ipsec_cpa.lua" \
-  "$sysconf/rsyslog.d/ipsec_cpa.conf" "$sysconf/logrotate.d/ipsec_cpa" "$sysconf/default/ipsec_cpa" |
+  "$sysconf/rsyslog.d/ipsec_cpa.conf" "$sysconf/logrotate.d/ipsec_cpa" "$sysconf/default/ipsec_cpa" \
+  $(cd tools && printf "$prefix/lib/cpa-rp/%s\n" cpa_rp/*.py) |
   sort)
 
 root="$scratch/root"
@@ -26,6 +27,7 @@ installed=$(cd "$root" && find . -type f | sed 's|^\.||' | sort)
 for program in "$prefix/sbin/ipsec_cpa" "$prefix/bin/cpa-rp"; do
   [ -x "$root$program" ] || fail "$program is not executable"
 done
+"$root$prefix/bin/cpa-rp" --help >/dev/null || fail "the installed cpa-rp does not find its package"
 grep -qx "ExecStart=$prefix/sbin/ipsec_cpa \$IPSEC_CPA_OPTS" "$root$prefix/lib/systemd/system/ipsec_cpa.service" ||
   fail "the unit does not start $prefix/sbin/ipsec_cpa"
 

@@ -27,9 +27,9 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(os.path.dirname(HERE))
-sys.path.insert(0, os.path.join(REPO, "tests", "e2e"))
-import rp_messages as rp  # noqa: E402  (the e2e RP helpers, without the sandbox)
-from rp_client import RpClient  # noqa: E402
+sys.path.insert(0, os.path.join(REPO, "tools"))
+from cpa_rp import wire as rp  # noqa: E402
+from cpa_rp.link import RpLink  # noqa: E402
 
 BINARY = os.environ.get("CPA_BINARY", os.path.join(REPO, "build", "ipsec_cpa"))
 TUNNEL = 7
@@ -346,7 +346,7 @@ class HostAgent:
                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                         close_fds=False)
         with netns(h.ns):
-            self.rp = RpClient()
+            self.rp = RpLink()
             self.wait_bound()
         self.sadb = 0
 
@@ -378,29 +378,30 @@ class HostAgent:
         peer = self.h.peer
         self.ask("INTF_ATTACH", rp.intf_attach(self.callback, self.sadb, TUNNEL))
         self.ask("PEER_INSERT", rp.peer_insert(self.callback, self.create, 0x9E00 + self.index, self.sadb))
-        ace = rp.ace_record(0xACE0 + self.index, addr(self.h.subnet), 24, addr(peer.subnet), 24, protocol=0)
-        self.ask("ACL install", rp.acl_modify(self.callback, self.sadb, 2,
-                                              ace + rp.notify_actions(NOTIFY_HANDLE)))
+        records = rp.policy_records([((addr(self.h.subnet), 24), (addr(peer.subnet), 24))],
+                                    inbound=rp.action("discard"), outbound=rp.action("notify", NOTIFY_HANDLE),
+                                    inbound_deny=rp.action("forward"), first_handle=0xACE0 + self.index, kind=1)
+        self.ask("ACL install", rp.acl_modify(self.callback, self.sadb, 2, records))
 
     def add_key(self, outbound, mac_key=None):
         """The keys of the SA this host sends on (outbound) or receives on."""
         sender = self.h if outbound else self.h.peer
         flow, sa = (self.out_flow, self.out_sa) if outbound else (self.in_flow, self.in_sa)
-        info = rp.cipher_info(int(outbound), sender.spi_out, addr(sender.wan), addr(sender.peer.wan),
-                              esp=(3, len(sender.enc_key) * 8, 2), window=64, lifetimes=(0, 0))
-        keys = rp.key_tlv(1, sender.enc_key) + rp.key_tlv(2, mac_key or sender.auth_key)
+        info = rp.cipher_info(outbound, sender.spi_out, addr(sender.wan), addr(sender.peer.wan),
+                              key_bits=len(sender.enc_key) * 8)
         self.ask(f"CREATE_KEY_BY_KEYS ({'outbound' if outbound else 'inbound'})",
-                 rp.create_keys(self.callback, flow, sa, info, keys), slice(10, 14))
+                 rp.create_keys(self.callback, flow, sa, info, sender.enc_key, mac_key or sender.auth_key),
+                 slice(10, 14))
 
     def insert_spi(self, what="SPI_INSERT"):
-        self.ask(what, rp.spi_insert(self.callback, self.sadb, self.h.spi_in, addr(self.h.wan),
-                                     addr(self.h.peer.wan), rp.decrypt_action(self.in_sa), masks=(32, 32)))
+        self.ask(what, rp.spi_insert(self.callback, self.sadb, self.h.spi_in, (addr(self.h.wan), 32),
+                                     (addr(self.h.peer.wan), 32), rp.action("decrypt", self.in_sa)))
 
     def add_sas(self):
         self.add_key(outbound=True)
         self.add_key(outbound=False)
         self.insert_spi()
-        self.ask("CFLOW_INSERT", rp.cflow_insert(self.callback, self.sadb, rp.encrypt_action(self.out_sa),
+        self.ask("CFLOW_INSERT", rp.cflow_insert(self.callback, self.sadb, rp.action("encrypt", self.out_sa),
                                                  create=self.create))
 
     def replace_inbound_key(self, mac_key):
