@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "fakes/kernel_test_agent.h"
-#include "pal/policy_sync.h"
 #include "support/acl_builder.h"
 #include "support/wire_reader.h"
 
@@ -257,40 +256,6 @@ TEST_F(AclModify, DeletingTheTunnelReleasesItsPoliciesWhateverTheirState) {
   t.deliver(pal_request(3, Bytes().be32(0xD).be32(1)));
   EXPECT_EQ(t.agent.tunnels.at(1), nullptr);  // the leak checker sees the rest
   EXPECT_EQ(t.kernel.policies().size(), 2u);  // the RP removes kernel policies first
-}
-
-TEST_F(AclModify, ReprogrammingUpdatesEveryAceAndTwinWithTheNegotiatedModeAndProtocol) {
-  EXPECT_EQ(kestrix_upd_policies(t.agent, &tunnel(), 1, kIpProtoAh), 1);
-  EXPECT_TRUE(t.log.has(LOG_ERR, "No Policies found"));
-  ASSERT_EQ(modify(2, acl({})), CRYPTO_NO_ERR);
-  EXPECT_EQ(kestrix_upd_policies(t.agent, &tunnel(), 1, kIpProtoAh), 1);  // no ACE
-  ASSERT_EQ(modify(2, acl({ace(1), ace(2, kestrix_ace_deny_action)})), CRYPTO_NO_ERR);
-  kernel_requests();
-
-  EXPECT_EQ(kestrix_upd_policies(t.agent, &tunnel(), 1, kIpProtoAh), 0);
-  const std::string ah_tunnel = " tmpl51/m1/r1";
-  // The twin of the deny ACE goes back as allow.
-  EXPECT_EQ(kernel_requests(),
-            (std::vector<std::string>{
-                policy_of(1, "in", 25, 0, ah_tunnel), policy_of(2, "in", 25, 0, ah_tunnel),
-                policy_of(2, "out", 25, 1, ah_tunnel), policy_of(1, "out", 25, 0, ah_tunnel)}));
-  EXPECT_EQ(nl.n_outbound_policy_add.req, 4u);  // two from the install, two updates
-  EXPECT_EQ(nl.n_inbound_policy_add.req, 2u);
-
-  t.kernel.refuse_next(0);
-  t.kernel.refuse_next(ENOENT);
-  EXPECT_EQ(kestrix_upd_policies(t.agent, &tunnel(), 0, kIpProtoEsp), 1);
-  EXPECT_EQ(kernel_requests().size(), 2u);
-}
-
-TEST_F(AclModify, SaHandOverSendsNothingWithoutARecordAndSaysSo) {
-  cpa_netlink_ctr_t& ctr = nl.n_inbound_sa_add;
-  EXPECT_EQ(kestrix_nl_sa_add(t.agent, nullptr, 5, 1, &ctr), 0);  // callers take 0 as success
-  EXPECT_TRUE(t.log.has(LOG_DEBUG, "Null sa info"));
-  const kestrix_ce_cipher_list_t neither_esp_nor_ah{};
-  EXPECT_NE(kestrix_nl_sa_add(t.agent, &neither_esp_nor_ah, 5, 1, &ctr), 0);
-  EXPECT_EQ(t.kernel.requests().size(), 1u);
-  EXPECT_EQ(ctr.req + ctr.resp_err, 2u);
 }
 
 }  // namespace
