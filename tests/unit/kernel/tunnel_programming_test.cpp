@@ -274,18 +274,6 @@ TEST_P(Programming, SasAreHandedOverAndThePoliciesFollowANewOutboundTemplate) {
   EXPECT_EQ(ctr.resp_ok, 2u);
 }
 
-TEST_P(Programming, SaRemovalIsCountedInTheCallersCounter) {
-  const auto sa = record(false, false);
-  ASSERT_EQ(program.add_sa(tunnel(), sa.get(), nl.n_inbound_sa_add), 0);
-  kestrix_addr dst{};
-  dst.ip_address = 0x0A000002;
-  EXPECT_EQ(program.delete_sa(dst, 0x5004, kIpProtoEsp, nl.n_inbound_sa_del), 0);
-  EXPECT_TRUE(t.kernel.sas().empty());
-  EXPECT_NE(program.delete_sa(dst, 0x5004, kIpProtoEsp, nl.n_inbound_sa_del), 0);
-  EXPECT_EQ(nl.n_inbound_sa_del.req, 2u);
-  EXPECT_EQ(nl.n_inbound_sa_del.resp_ok, 1u);
-}
-
 INSTANTIATE_TEST_SUITE_P(Backends, Programming, ::testing::Values(&kPlatform, &kStockFacts),
                          [](const auto& info) { return info.param == &kPlatform ? "Platform" : "StockFacts"; });
 
