@@ -6,7 +6,9 @@
 #include "base/counters.h"
 #include "base/thread_shared.h"
 #include "diag/command_trace.h"
+#include "kernel/kernel_backend.h"
 #include "kernel/netlink_transport.h"
+#include "kernel/tunnel_programming.h"
 #include "platform/fastpath_segment.h"
 #include "platform/kernel_flavour.h"
 #include "platform/rp_outbox.h"
@@ -32,11 +34,17 @@ struct AgentSeams {
 
 struct Agent {
   Agent(AgentSettings s, AgentSeams seams)
-      : settings(s), sys(seams), trace(seams.clock), nlink(seams.devices, s.kernel_flavour) {}
+      : settings(s),
+        backend(kernel_backend(s.kernel_flavour)),
+        sys(seams),
+        trace(seams.clock),
+        nlink(seams.devices, backend.dialect),
+        kernel(nlink, backend, counters.netlink_dbg_ctrs, s.g_replay_window_size) {}
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
   AgentSettings settings;
+  const KernelBackend& backend;  // what differs between the kernels, chosen from -k
   AgentSeams sys;
   DebugCounters counters;
   ThreadShared shared;
@@ -46,6 +54,7 @@ struct Agent {
   CipherList cipher_info_list;  // key material not yet claimed by an SA, newest first
   FastPathStats fastpath;  // the fast path's counters; mapped at start-up
   NetlinkTransport nlink;  // kernel requests; its socket is attached at start-up
+  TunnelKernelProgram kernel;  // what the tunnels hold in the kernel
 };
 
 }  // namespace cpa

@@ -4,21 +4,13 @@
 
 #include "ceal/ceal_dispatcher.h"
 #include "base/log.h"
-#include "kernel/xfrm_sa.h"
 #include "wire/ceal_key_requests.h"
 
 namespace cpa {
 namespace {
 
-constexpr int kDelete = 1;
-
-template <class Sa>
-void delete_kernel_sa(Agent& agent, const Sa& sa, cpa_netlink_ctr_t& counter) {
-  kestrix_nlink_sa_getordel(agent.nlink, kDelete, sa.dest_addr, sa.spi, sa.protocol, &counter);
-}
-
 void delete_inbound(Agent& agent, cpa_interface_t& tunnel, const cpa_inbound_sa_t& sa) {
-  delete_kernel_sa(agent, sa, agent.counters.netlink_dbg_ctrs.n_inbound_sa_del);
+  agent.kernel.delete_sa(sa.dest_addr, sa.spi, sa.protocol, agent.counters.netlink_dbg_ctrs.n_inbound_sa_del);
   char dest[16];
   cpa_log(LOG_DEBUG,
           "DELETED INB SA: FLOWID(ipsec_index) [%d], IPSEC_SA [0x%x], \nSPI [0x%x], DEST [%s], PROTO [%d]",
@@ -28,7 +20,7 @@ void delete_inbound(Agent& agent, cpa_interface_t& tunnel, const cpa_inbound_sa_
 }
 
 void delete_outbound(Agent& agent, cpa_interface_t& tunnel, const cpa_outbound_sa_t& sa) {
-  delete_kernel_sa(agent, sa, agent.counters.netlink_dbg_ctrs.n_outbound_sa_del);
+  agent.kernel.delete_sa(sa.dest_addr, sa.spi, sa.protocol, agent.counters.netlink_dbg_ctrs.n_outbound_sa_del);
   char dest[16];
   cpa_log(LOG_DEBUG,
           "DELETED OUTB SA: FLOWID(ipsec_index) [%d] IPSEC_SA [0x%lx], SPI [0x%x], DEST [%s], PROTO [%d]",

@@ -74,9 +74,9 @@ const FastPathSaKey* flow_sa(const FlowSaSearch& search, uint32_t flow_id, uint3
   return sa;
 }
 
-bool linux_mode(const Agent& agent) { return agent.settings.kernel_flavour == KernelFlavour::kLinux; }
+bool counters_from_kernel(const Agent& agent) { return agent.backend.counters == CounterSource::kKernelSas; }
 
-// A stock kernel keeps the counters of its own SAs.
+// The kernel's own counters of the flow's SA.
 void fill_flow_stats_from_kernel(Agent& agent, const FlowSaSearch& search, uint32_t flow_id,
                                  uint32_t is_inbound, uint8_t* stats) {
   const FastPathSaKey* sa = flow_sa(search, flow_id, is_inbound);
@@ -106,10 +106,10 @@ kestrix_flow_stats_hdle_struct flow_handle(ReceivedBytes handles, size_t i) {
 }
 
 // The SAs of the first `answered` flows; none are looked for without a
-// segment, unless the kernel keeps the counters (linux mode).
+// segment, unless the kernel keeps the counters.
 FlowSaSearch find_flow_sas(const Agent& agent, ReceivedBytes handles, size_t answered) {
   FlowSaSearch search;
-  if (!agent.fastpath.fp_shared() && !linux_mode(agent)) return search;
+  if (!agent.fastpath.fp_shared() && !counters_from_kernel(agent)) return search;
   for (size_t i = 0; i < answered; ++i) {
     const kestrix_flow_stats_hdle_struct handle = flow_handle(handles, i);
     search.want(ntohl(handle.flow_id), handle.is_inbound != 0);
@@ -145,7 +145,7 @@ int kestrix_ceal_flow_stats(Agent& agent, ReceivedBytes msg, std::vector<uint8_t
     const kestrix_flow_stats_hdle_struct handle = flow_handle(handles, i);
     uint8_t* flow = response.data() + kFlowStatsResponseHead + i * kFlowStatsPerFlow;
     std::memcpy(flow, &handle, sizeof handle);
-    if (linux_mode(agent))
+    if (counters_from_kernel(agent))
       fill_flow_stats_from_kernel(agent, search, ntohl(handle.flow_id), ntohl(handle.is_inbound),
                                   flow + sizeof handle);
     else
@@ -168,7 +168,7 @@ int kestrix_ceal_sadb_stats(Agent&, ReceivedBytes msg, std::vector<uint8_t>& res
 int kestrix_ceal_global_stats(Agent& agent, ReceivedBytes msg, std::vector<uint8_t>& response) {
   cpa_log(LOG_DEBUG, "KESTRIX_CEAL_CE_IVRF_GLOBAL_STATS::");
   echo_ivrf_request(msg, response);
-  if (linux_mode(agent))
+  if (counters_from_kernel(agent))
     kestrix_kernel_global_counters(agent.nlink, agent.tunnels, response.data() + kGlobalStatsAt);
   else
     agent.fastpath.kestrix_stats_get_global_sa_counters(response.data() + kGlobalStatsAt);

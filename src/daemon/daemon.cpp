@@ -17,6 +17,7 @@
 #include "daemon/signals.h"
 #include "base/log.h"
 #include "diag/state_dump.h"
+#include "kernel/kernel_backend.h"
 #include "kernel/netlink_listener.h"
 #include "kernel/netlink_socket.h"
 #include "link/arp.h"
@@ -26,22 +27,12 @@
 #include "pal/tunnel_policy_events.h"
 #include "pal/rp_link.h"
 #include "platform/scoped_fd.h"
-#include "wire/xfrm_platform.h"
 
 namespace cpa {
 namespace {
 
 constexpr size_t kReceiveBufferSize = 2048;
 constexpr int kRequestSocketBuffer = 0x200000;
-constexpr uint32_t kPolicyEventGroups = 8;
-
-// A stock kernel sends acquires to their own group only; the platform keeps
-// its policy-group mask.
-uint32_t monitor_groups(KernelFlavour flavour) {
-  return flavour == KernelFlavour::kLinux ? kPolicyEventGroups | kXfrmGroupAcquire
-                                          : kPolicyEventGroups;
-}
-
 struct DaemonSockets {
   ScopedFd g_sd;        // UDP requests
   ScopedFd g_arp_sd;    // ARP on ethgrp0
@@ -197,7 +188,7 @@ int run_agent(int argc, char* argv[]) {
   ArpPort arp(sockets.g_arp_sd.get());
   arp.bind_arp_socket(kArpInterface);
   sockets.nlsock_fd = netlink_or_exit(0);
-  const uint32_t groups = monitor_groups(opts->settings.kernel_flavour);
+  const uint32_t groups = kernel_backend(opts->settings.kernel_flavour).monitor_groups;
   cpa_log(LOG_DEBUG, "nl_grps 0x%x", groups);
   sockets.nlmon_fd = netlink_or_exit(groups);
   cpa_log(LOG_DEBUG, "ike_proxy netink fd %d", sockets.nlmon_fd.get());

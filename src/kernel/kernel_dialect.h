@@ -79,13 +79,9 @@ class KernelDialect {
 const KernelDialect& platform_dialect();
 const KernelDialect& linux_dialect();
 
-inline const KernelDialect& kernel_dialect(KernelFlavour flavour) {
-  return flavour == KernelFlavour::kLinux ? linux_dialect() : platform_dialect();
-}
-
 // The dialect of the kernel the transport talks to.
 inline const KernelDialect& dialect_of(const NetlinkTransport& nl) {
-  return kernel_dialect(nl.flavour());
+  return nl.dialect();
 }
 
 }  // namespace cpa

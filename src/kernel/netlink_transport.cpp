@@ -32,8 +32,8 @@ bool header_fits(uint32_t nlmsg_len, size_t available) {
 
 }  // namespace
 
-NetlinkTransport::NetlinkTransport(NetDeviceSysCalls& devices, KernelFlavour flavour)
-    : devices_(devices), flavour_(flavour), port_id_(static_cast<uint32_t>(getpid())) {}
+NetlinkTransport::NetlinkTransport(NetDeviceSysCalls& devices, const KernelDialect& dialect)
+    : devices_(devices), dialect_(dialect), port_id_(static_cast<uint32_t>(getpid())) {}
 
 int NetlinkTransport::kestrix_nlink_send(uint8_t* buf, size_t len, uint8_t* answer,
                                          size_t recvsize) {

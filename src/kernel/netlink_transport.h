@@ -11,12 +11,14 @@
 #include <optional>
 
 #include "base/counters.h"
-#include "platform/kernel_flavour.h"
 #include "platform/scoped_fd.h"
 #include "platform/system_ports.h"
 #include "wire/received_bytes.h"
 
 namespace cpa {
+
+class KernelDialect;
+const KernelDialect& platform_dialect();
 
 inline constexpr size_t kNetBufSize = 4096;
 using net_buf = std::array<uint8_t, kNetBufSize>;
@@ -24,7 +26,7 @@ using net_buf = std::array<uint8_t, kNetBufSize>;
 class NetlinkTransport {
  public:
   explicit NetlinkTransport(NetDeviceSysCalls& devices,
-                            KernelFlavour flavour = KernelFlavour::kPlatform);
+                            const KernelDialect& dialect = platform_dialect());
   NetlinkTransport(const NetlinkTransport&) = delete;
   NetlinkTransport& operator=(const NetlinkTransport&) = delete;
 
@@ -32,8 +34,8 @@ class NetlinkTransport {
   void attach(ScopedFd nlsock_fd) { nlsock_fd_ = std::move(nlsock_fd); }
   int nlsock_fd() const { return nlsock_fd_.get(); }
 
-  // The kernel the requests are built for.
-  KernelFlavour flavour() const { return flavour_; }
+  // The message bodies of the kernel the requests are built for.
+  const KernelDialect& dialect() const { return dialect_; }
 
   // The one request buffer; each builder clears and fills it.
   net_buf& req() { return req_; }
@@ -66,7 +68,7 @@ class NetlinkTransport {
   int answer_status(ReceivedBytes got);
 
   NetDeviceSysCalls& devices_;
-  KernelFlavour flavour_;
+  const KernelDialect& dialect_;
   ScopedFd nlsock_fd_;
   uint32_t g_seq_ = 1;
   uint32_t port_id_;

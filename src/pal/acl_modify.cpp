@@ -7,7 +7,6 @@
 
 #include "base/log.h"
 #include "pal/acl_policy.h"
-#include "pal/policy_sync.h"
 #include "pal/unit_test_hooks.h"
 
 namespace cpa {
@@ -85,8 +84,7 @@ ce_status_t kestrix_acl_proc_insert_replace(Agent& agent, const ReceivedBytes& r
     cpa_log(LOG_DEBUG, "Removing policy : opcode replace");
     kestrix_acl_proc_remove_all(agent, indx);
   }
-  const ce_status_t programmed =
-      kestrix_nl_policy_update(agent, policy.get(), tunnel.tunnelid, 0, tunnel.reqid);
+  const ce_status_t programmed = agent.kernel.install_policy(tunnel, policy.get(), 0);
   if (programmed != CRYPTO_NO_ERR) return programmed;
   const unsigned added = log_addr(policy.get());
   const unsigned first_ace = log_addr(policy->ace_entry.head());
@@ -98,11 +96,18 @@ ce_status_t kestrix_acl_proc_insert_replace(Agent& agent, const ReceivedBytes& r
 }
 
 ce_status_t kestrix_acl_proc_remove_all(Agent& agent, uint32_t indx) {
-  // The record goes whatever the kernel said: the RP is told of success.
-  kestrix_nl_policy_delete(agent, indx);
+  if (indx < 1 || indx >= TunnelTable::kSlots) {
+    cpa_log(LOG_DEBUG, "Invalid index");
+    return CRYPTO_NO_ERR;
+  }
   cpa_interface_t* tunnel = agent.tunnels.at(indx);
-  if (tunnel && !tunnel->head_policy.empty())
-    delete_node_policy(tunnel->head_policy, tunnel->head_policy.head());
+  if (!tunnel) {
+    cpa_log(LOG_DEBUG, "ERROR: no cpa info @ given index [%d]", indx);
+    return CRYPTO_NO_ERR;
+  }
+  // The record goes whatever the kernel said: the RP is told of success.
+  agent.kernel.remove_newest_policy(*tunnel, indx);
+  if (!tunnel->head_policy.empty()) delete_node_policy(tunnel->head_policy, tunnel->head_policy.head());
   return CRYPTO_NO_ERR;
 }
 

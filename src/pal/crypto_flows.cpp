@@ -7,7 +7,6 @@
 
 #include "base/log.h"
 #include "pal/ace_decoding.h"
-#include "pal/policy_sync.h"
 #include "pal/record_stream.h"
 #include "pal/tunnel_request.h"
 #include "state/cipher_claim.h"
@@ -117,7 +116,7 @@ int align_policies(Agent& agent, cpa_interface_t& tunnel, const kestrix_ce_ciphe
   }
   cpa_log(LOG_DEBUG, "Updating AH/ESP Policies negotiated_proto %d default_proto %d", negotiated,
           tunnel.default_security_protocol);
-  const int rc = kestrix_upd_policies(agent, &tunnel, cipher.mode == CE_TUNNEL ? 1 : 0, negotiated);
+  const int rc = agent.kernel.reprogram(tunnel, cipher.mode == CE_TUNNEL ? 1 : 0, negotiated);
   tunnel.default_security_protocol = negotiated;
   return rc;
 }
@@ -155,8 +154,7 @@ ce_status_t add_flow(Agent& agent, const FlowRequest& kind, const ReceivedBytes&
     return CRYPTO_NO_ERR;
   }
   take_protocol(*sa);
-  if (kestrix_nl_sa_add(agent, sa->sa_info.get(), tunnel.tunnelid, tunnel.reqid,
-                        &agent.counters.netlink_dbg_ctrs.n_outbound_sa_add) != 0)
+  if (agent.kernel.add_sa(tunnel, sa->sa_info.get(), agent.counters.netlink_dbg_ctrs.n_outbound_sa_add) != 0)
     return flow_failed(kind);
   if (kind.insert && align_policies(agent, tunnel, sa->sa_info->ce_cipher) != 0)
     return flow_failed(kind);

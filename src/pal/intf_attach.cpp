@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include "base/log.h"
+#include "kernel/rp_status.h"
 #include "pal/unit_test_hooks.h"
 #include "platform/tunnel_devices.h"
 
@@ -75,9 +76,11 @@ ce_status_t kestrix_intf_svti_create_attach(Agent& agent,
   }
   const uint32_t tunnel_id = ntohl(sadb_att_req.tunnel_id);
   const std::string ifname = kestrix_tunid_to_ifname(tunnel_id);
-  if (svti_add(agent.sys.devices, ifname.c_str(), agent.settings.kernel_flavour) != 0) {
+  const ce_status_t made = rp_status(svti_add(agent.sys.devices, ifname.c_str(), agent.backend.devices),
+                                     CRYPTO_ERR_RESOURCES);
+  if (made != CRYPTO_NO_ERR) {
     cpa_log(LOG_ERR, "ERROR: svti [%s] add failed", ifname.c_str());
-    return CRYPTO_ERR_RESOURCES;
+    return made;
   }
   entry->tunnelid = tunnel_id;
   entry->is_v6 = ntohl(sadb_att_req.is_v6);
@@ -91,9 +94,11 @@ ce_status_t kestrix_intf_svti_del(Agent& agent, uint32_t tunnel_id) {
     return CRYPTO_ERR_INVALID;
   }
   const std::string ifname = kestrix_tunid_to_ifname(tunnel_id);
-  if (svti_del(agent.sys.devices, ifname.c_str(), agent.settings.kernel_flavour) != 0) {
+  const ce_status_t removed =
+      rp_status(svti_del(agent.sys.devices, ifname.c_str(), agent.backend.devices), CRYPTO_ERR_INVALID);
+  if (removed != CRYPTO_NO_ERR) {
     cpa_log(LOG_ERR, " invalid svti interface ");
-    return CRYPTO_ERR_INVALID;
+    return removed;
   }
   cpa_log(LOG_DEBUG, "---svti deleted [%s]", ifname.c_str());
   return CRYPTO_NO_ERR;

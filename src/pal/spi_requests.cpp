@@ -7,7 +7,6 @@
 
 #include "base/log.h"
 #include "pal/ace_decoding.h"
-#include "pal/policy_sync.h"
 #include "pal/record_stream.h"
 #include "pal/tunnel_request.h"
 #include "pal/unit_test_hooks.h"
@@ -158,8 +157,7 @@ ce_status_t kestrix_alloc_ins_spi_sa(Agent& agent, const ReceivedBytes& req, siz
     return CRYPTO_NO_ERR;
   }
   sa->sa = flow;
-  if (kestrix_nl_sa_add(agent, sa->sa_info.get(), tunnel->tunnelid, tunnel->reqid,
-                        &agent.counters.netlink_dbg_ctrs.n_inbound_sa_add) != 0)
+  if (agent.kernel.add_sa(*tunnel, sa->sa_info.get(), agent.counters.netlink_dbg_ctrs.n_inbound_sa_add) != 0)
     return insert_failed();
   flow_id = flow;
   log_inserted(*sa);

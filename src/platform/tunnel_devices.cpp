@@ -142,30 +142,27 @@ int delete_link(NetDeviceSysCalls& sys, int, const char* ifname) {
   return route_request(sys, delete_link_request(ifname));
 }
 
-// How each kernel makes and removes the devices; each returns 0 or an errno.
-struct DeviceOps {
-  int (*create)(NetDeviceSysCalls& sys, int s, const char* ifname);
-  int (*remove)(NetDeviceSysCalls& sys, int s, const char* ifname);
-  const char* failure;  // logged with the device and the error text
-};
-
-const DeviceOps& device_ops(KernelFlavour flavour) {
-  static constexpr DeviceOps kPlatform{add_tunnel, delete_tunnel, "ioctl : %s- %s"};
-  static constexpr DeviceOps kLinux{add_xfrm_interface, delete_link, "rtnetlink : %s- %s"};
-  return flavour == KernelFlavour::kLinux ? kLinux : kPlatform;
-}
-
-bool delete_stale(NetDeviceSysCalls& sys, const char* ifname, KernelFlavour flavour) {
+bool delete_stale(NetDeviceSysCalls& sys, const char* ifname, const DeviceOps& ops) {
   cpa_log(LOG_INFO, "SVTI interface %s, tunnelId %d already exists", ifname,
           kestrix_ifname_to_tunid(ifname));
   cpa_log(LOG_INFO, "Deleting stale SVTI interface %s", ifname);
-  if (svti_del(sys, ifname, flavour) != 0) return false;
+  if (svti_del(sys, ifname, ops) != 0) return false;
   cpa_log(LOG_DEBUG, "---svti deleted [%s]", ifname);
   cpa_log(LOG_INFO, "ReCreating SVTI interface %s", ifname);
   return true;
 }
 
 }  // namespace
+
+const DeviceOps& platform_device_ops() {
+  static constexpr DeviceOps kOps{add_tunnel, delete_tunnel, "ioctl : %s- %s"};
+  return kOps;
+}
+
+const DeviceOps& xfrm_interface_device_ops() {
+  static constexpr DeviceOps kOps{add_xfrm_interface, delete_link, "rtnetlink : %s- %s"};
+  return kOps;
+}
 
 std::string kestrix_tunid_to_ifname(uint32_t tunnel_id) {
   return kSvtiPrefix + std::to_string(tunnel_id);
@@ -181,11 +178,10 @@ int kestrix_ifname_to_tunid(const char* ifname) {
   return static_cast<int>(id);
 }
 
-int svti_add(NetDeviceSysCalls& sys, const char* ifname, KernelFlavour flavour) {
+int svti_add(NetDeviceSysCalls& sys, const char* ifname, const DeviceOps& ops) {
   if (!name_fits(ifname)) return 1;
   const SysCallFd s = ioctl_socket(sys);
   if (!s.valid()) return 1;
-  const DeviceOps& ops = device_ops(flavour);
   // A stale device is replaced once; should the new one collide again,
   // something else keeps creating it and the attach fails.
   for (bool replaced = false;; replaced = true) {
@@ -193,7 +189,7 @@ int svti_add(NetDeviceSysCalls& sys, const char* ifname, KernelFlavour flavour) 
     if (error == 0) break;
     cpa_log(LOG_ERR, ops.failure, ifname, std::strerror(error));
     print_ioctl_error(error);
-    if (error != EEXIST || replaced || !delete_stale(sys, ifname, flavour)) {
+    if (error != EEXIST || replaced || !delete_stale(sys, ifname, ops)) {
       cpa_log(LOG_ERR, "interface already exists");
       return 1;
     }
@@ -204,11 +200,11 @@ int svti_add(NetDeviceSysCalls& sys, const char* ifname, KernelFlavour flavour) 
   return rc;
 }
 
-int svti_del(NetDeviceSysCalls& sys, const char* ifname, KernelFlavour flavour) {
+int svti_del(NetDeviceSysCalls& sys, const char* ifname, const DeviceOps& ops) {
   if (!name_fits(ifname)) return 1;
   const SysCallFd s = ioctl_socket(sys);
   if (!s.valid()) return 1;
-  const int error = device_ops(flavour).remove(sys, s.get(), ifname);
+  const int error = ops.remove(sys, s.get(), ifname);
   if (error == 0) return 0;
   cpa_log(LOG_ERR, "ioctl: failed");
   print_ioctl_error(error);

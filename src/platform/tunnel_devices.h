@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/kernel_flavour.h"
 #include "platform/system_ports.h"
 
 namespace cpa {
@@ -25,14 +24,26 @@ std::string kestrix_tunid_to_ifname(uint32_t tunnel_id);
 // The number behind the "svti" prefix, or -1.
 int kestrix_ifname_to_tunid(const char* ifname);
 
+// How one kernel makes and removes the devices; each returns 0 or an errno.
+struct DeviceOps {
+  int (*create)(NetDeviceSysCalls& sys, int s, const char* ifname);
+  int (*remove)(NetDeviceSysCalls& sys, int s, const char* ifname);
+  const char* failure;  // logged with the device and the error text
+};
+
+// The platform's tunnel control device (or its stand-in).
+const DeviceOps& platform_device_ops();
+// Xfrm interfaces over rtnetlink, on a stock kernel.
+const DeviceOps& xfrm_interface_device_ops();
+
 // Creates the device and brings it up; a device of that name left from an
 // earlier run is deleted and created again. 0 on success, 1 on failure.
 int svti_add(NetDeviceSysCalls& sys, const char* ifname,
-             KernelFlavour flavour = KernelFlavour::kPlatform);
+             const DeviceOps& ops = platform_device_ops());
 
 // Deletes the device. 0 on success, 1 on failure.
 int svti_del(NetDeviceSysCalls& sys, const char* ifname,
-             KernelFlavour flavour = KernelFlavour::kPlatform);
+             const DeviceOps& ops = platform_device_ops());
 
 // Sets the device's flags from `value` (a negative value clears the bits of
 // its magnitude, a positive one sets them) and its MTU to the tunnel MTU,

@@ -49,7 +49,7 @@ Message algo(const char* name, size_t key_len, uint8_t first) {
 // the other end of a socketpair.
 Message first_request(const std::function<int(NetlinkTransport&)>& call) {
   FakeNetDevices devices;
-  NetlinkTransport nl(devices, KernelFlavour::kLinux);
+  NetlinkTransport nl(devices, linux_dialect());
   int fds[2];
   socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds);
   nl.attach(ScopedFd(fds[0]));

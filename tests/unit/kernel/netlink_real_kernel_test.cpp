@@ -87,9 +87,9 @@ TEST(RealKernel, LinuxModeMakesTheXfrmInterfaceOrLogsThatTheKernelHasNone) {
   const bool ran = in_fresh_network_namespace([] {
     LogCapture log;
     KernelNetDeviceSysCalls devices;
-    if (svti_add(devices, "svti5", KernelFlavour::kLinux) == 0) {
+    if (svti_add(devices, "svti5", xfrm_interface_device_ops()) == 0) {
       EXPECT_EQ(std::system("ip -d link show svti5 | grep -q 'if_id 0x5'"), 0);
-      EXPECT_EQ(svti_del(devices, "svti5", KernelFlavour::kLinux), 0);
+      EXPECT_EQ(svti_del(devices, "svti5", xfrm_interface_device_ops()), 0);
     } else {
       EXPECT_TRUE(log.has(LOG_ERR,
           "svti5: the kernel has no xfrm interfaces (CONFIG_XFRM_INTERFACE, module xfrm_interface)"));

@@ -91,18 +91,18 @@ TEST_F(Devices, StaleDeviceIsDeletedAndCreatedAgainOnEitherKernel) {
 }
 
 TEST_F(Devices, LinuxModeMakesAnXfrmInterfaceOverRtnetlinkAndReplacesAStaleOne) {
-  ASSERT_EQ(svti_add(kernel, "svti7", KernelFlavour::kLinux), 0);
+  ASSERT_EQ(svti_add(kernel, "svti7", xfrm_interface_device_ops()), 0);
   expect_up_with_tunnel_mtu(kernel);
   EXPECT_EQ(kernel.device("svti7")->xfrm_if_id, 7);
 
   const int first_index = kernel.device("svti7")->ifindex;
-  ASSERT_EQ(svti_add(kernel, "svti7", KernelFlavour::kLinux), 0);
+  ASSERT_EQ(svti_add(kernel, "svti7", xfrm_interface_device_ops()), 0);
   EXPECT_NE(kernel.device("svti7")->ifindex, first_index);
   EXPECT_EQ(log.count("Deleting stale SVTI interface svti7"), 1);
 
-  ASSERT_EQ(svti_del(kernel, "svti7", KernelFlavour::kLinux), 0);
+  ASSERT_EQ(svti_del(kernel, "svti7", xfrm_interface_device_ops()), 0);
   EXPECT_EQ(kernel.device("svti7"), nullptr);
-  EXPECT_EQ(svti_del(kernel, "svti7", KernelFlavour::kLinux), 1);
+  EXPECT_EQ(svti_del(kernel, "svti7", xfrm_interface_device_ops()), 1);
   EXPECT_EQ(kernel.route_requests, (std::vector<uint16_t>{RTM_NEWLINK, RTM_NEWLINK, RTM_DELLINK,
                                                           RTM_NEWLINK, RTM_DELLINK, RTM_DELLINK}));
   EXPECT_TRUE(kernel.tunnel_ioctl_targets.empty());
