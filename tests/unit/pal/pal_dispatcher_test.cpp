@@ -29,7 +29,7 @@ TEST(PalDispatcher, RefusedAndCutShortRequestsAreAnsweredInTheirShapeEchoingWhat
   } cases[] = {
       {pal_request(1, Bytes().be32(0xA1).be32(0x500).be16(0)), pal_answer(1, Bytes().be32(0xA1).be32(0).be32(8)),
        "Null callback handle or create handle"},
-      {pal_request(2, Bytes().raw({0xde, 0xad})), pal_answer(2, Bytes().raw({0xde, 0xad, 0, 0}).be32(8)),
+      {pal_request(2, Bytes().be16(0xdead)), pal_answer(2, Bytes().be32(0xdead0000).be32(8)),
        "Null handle init_complt_req"},
       {pal_request(3, Bytes().be32(5).be16(0)), pal_answer(3, Bytes().be32(5).be32(8)),
        "callback handle null or sadb handle null"},
