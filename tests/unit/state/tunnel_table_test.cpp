@@ -1,5 +1,5 @@
-// The allocation cursor of the tunnel table (a full table's refusal and the
-// reuse of a freed slot are driven end to end over UDP).
+// The allocation cursor of the tunnel table, a full table's refusal and the
+// reuse of freed slots.
 #include "state/tunnel_table.h"
 
 #include <arpa/inet.h>
@@ -30,6 +30,9 @@ class TunnelTableTest : public ::testing::Test {
 TEST_F(TunnelTableTest, CursorWrapsFrom4095ToTheFirstFreeSlot) {
   fill_all();
   EXPECT_EQ(table.g_sadb_alloc_index(), -1);
+  cdh_sadbhandle refused = 0;
+  EXPECT_EQ(table.create_alloc_sadbhdl({htonl(0xc0), htonl(0x7000), htonl(2)}, &refused), CRYPTO_ERR_RESOURCES);
+  EXPECT_TRUE(log.has(LOG_ERR, "CPA Main table is full"));
   table.kestrix_del_sadb(2);  // re-arms the cursor at 2
   table.kestrix_del_sadb(1);
   table.kestrix_del_sadb(4095);
