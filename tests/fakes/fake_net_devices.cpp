@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "kernel/netlink_transport.h"
+
 namespace cpa::test {
 namespace {
 
@@ -22,22 +24,13 @@ std::string name_of(const char* field, size_t size) {
   return std::string(field, strnlen(field, size));
 }
 
-// The attributes from `offset` on, by type (the first of each), within `len`.
-std::map<uint16_t, std::string> attributes(const uint8_t* msg, size_t offset, size_t len) {
-  std::map<uint16_t, std::string> found;
-  while (offset + sizeof(rtattr) <= len) {
-    rtattr rta;
-    std::memcpy(&rta, msg + offset, sizeof rta);
-    if (rta.rta_len < sizeof rta || offset + rta.rta_len > len) break;
-    found.emplace(rta.rta_type, std::string(reinterpret_cast<const char*>(msg) + offset + sizeof rta,
-                                            rta.rta_len - sizeof rta));
-    offset += RTA_ALIGN(rta.rta_len);
-  }
-  return found;
+ReceivedBytes attribute(uint16_t type, ReceivedBytes attrs) {
+  return kestrix_rtattr_get(type, attrs).value_or(ReceivedBytes());
 }
 
-std::map<uint16_t, std::string> nested(const std::string& payload) {
-  return attributes(reinterpret_cast<const uint8_t*>(payload.data()), 0, payload.size());
+// A string attribute, sent with its terminating zero.
+std::string text_of(ReceivedBytes payload) {
+  return payload.size() ? name_of(reinterpret_cast<const char*>(payload.data()), payload.size()) : std::string();
 }
 
 }  // namespace
@@ -49,18 +42,16 @@ SysCallResult FakeNetDevices::route_request(const void* msg, size_t len) {
   std::memcpy(&header, bytes, sizeof header);
   if (header.nlmsg_len != len) return failed(EINVAL);
   route_requests.push_back(header.nlmsg_type);
-  auto attrs = attributes(bytes, NLMSG_LENGTH(sizeof(ifinfomsg)), len);
-  const std::string name = attrs[IFLA_IFNAME].c_str();  // sent with its terminating zero
+  const ReceivedBytes attrs = ReceivedBytes(bytes, len).slice(NLMSG_LENGTH(sizeof(ifinfomsg)));
+  const std::string name = text_of(attribute(IFLA_IFNAME, attrs));
   if (header.nlmsg_type == RTM_DELLINK) return devices_.erase(name) ? ok() : failed(ENODEV);
   if (header.nlmsg_type != RTM_NEWLINK) return failed(EOPNOTSUPP);
-  auto info = nested(attrs[IFLA_LINKINFO]);
-  if (std::string(info[IFLA_INFO_KIND].c_str()) != "xfrm" || !xfrm_interfaces) return failed(EOPNOTSUPP);
-  const std::string if_id = nested(info[IFLA_INFO_DATA])[IFLA_XFRM_IF_ID];
+  const ReceivedBytes info = attribute(IFLA_LINKINFO, attrs);
+  if (text_of(attribute(IFLA_INFO_KIND, info)) != "xfrm") return failed(EOPNOTSUPP);
+  const ReceivedBytes if_id = attribute(IFLA_XFRM_IF_ID, attribute(IFLA_INFO_DATA, info));
   if (name.empty() || if_id.size() != sizeof(uint32_t)) return failed(EINVAL);
   if (devices_.count(name)) return failed(EEXIST);
-  uint32_t id;
-  std::memcpy(&id, if_id.data(), sizeof id);
-  create(name, false).xfrm_if_id = id;
+  create(name, false).xfrm_if_id = *if_id.read<uint32_t>(0);
   return ok();
 }
 
@@ -95,7 +86,6 @@ SysCallResult FakeNetDevices::close(int fd) {
 }
 
 SysCallResult FakeNetDevices::ioctl(int fd, unsigned long request, void* arg) {
-  ioctls.push_back(request);
   auto it = fds_.find(fd);
   if (it == fds_.end()) return failed(EBADF);
   if (auto f = fail.find(request); f != fail.end()) return failed(f->second);

@@ -43,13 +43,11 @@ class FakeNetDevices final : public NetDeviceSysCalls {
 
   // Knobs.
   bool control_device = false;        // the platform's "svti_cfg" exists
-  bool xfrm_interfaces = true;        // the kernel knows the "xfrm" link kind
   std::map<unsigned long, int> fail;  // ioctl request -> errno of every such call
   int fail_socket = 0;                // errno of socket(), 0: succeeds
   int fail_open = 0;                  // errno of open(), 0: succeeds
 
   // What was seen.
-  std::vector<unsigned long> ioctls;              // every ioctl request, in order
   std::vector<std::string> tunnel_ioctl_targets;  // ifr_name of each tunnel ioctl
   std::vector<ip_tunnel_parm> tunnel_parms;       // the record of each tunnel ioctl
   int bad_closes = 0;                             // closes of descriptors not open

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -40,6 +42,12 @@ class LogCapture final : public LogSink {
     for (const auto& line : lines()) out.push_back(line.text);
     return out;
   }
+  // Every line as "<priority> <text>", for comparing with a file of test data.
+  std::string transcript() const {
+    std::string out;
+    for (const auto& line : lines()) out += std::to_string(line.priority) + " " + line.text + "\n";
+    return out;
+  }
   bool has(int priority, std::string_view text) const {
     const auto all = lines();
     return std::find(all.begin(), all.end(), LogLine{priority, std::string(text)}) != all.end();
@@ -58,5 +66,10 @@ class LogCapture final : public LogSink {
   std::vector<LogLine> lines_;
   LogSink* previous_;
 };
+
+inline std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
 
 }  // namespace cpa::test

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -20,10 +19,6 @@ class Bytes {
   Bytes& be64(uint64_t v) { return be32(v >> 32).be32(v & 0xffffffff); }
   Bytes& zeros(size_t n) {
     b_.insert(b_.end(), n, 0);
-    return *this;
-  }
-  Bytes& raw(std::initializer_list<uint8_t> v) {
-    b_.insert(b_.end(), v);
     return *this;
   }
   // Host order, as netlink carries it.

@@ -3,19 +3,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include "fakes/fake_system.h"
+#include "fakes/log_capture.h"
 
 namespace cpa {
 namespace {
-
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
 
 TEST(CounterReport, WritesEveryCounterInItsPlace) {
   // Every counter gets a distinct value, 1, 2, 3... in declaration order (the
@@ -28,7 +22,7 @@ TEST(CounterReport, WritesEveryCounterInItsPlace) {
   test::FakeCommandRunner commands;
   const std::string path = ::testing::TempDir() + "cpa_ctrs_" + std::to_string(getpid());
   Pal_Ceal_dbg_counter_display(counters, commands, path.c_str());
-  EXPECT_EQ(read_file(path), read_file(CPA_TESTDATA "/counter_report.txt"));
+  EXPECT_EQ(test::read_file(path), test::read_file(CPA_TESTDATA "/counter_report.txt"));
   EXPECT_TRUE(commands.commands.empty());
   unlink(path.c_str());
 }

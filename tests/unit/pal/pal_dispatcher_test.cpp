@@ -7,59 +7,44 @@
 #include <gtest/gtest.h>
 
 #include "fakes/test_agent.h"
-#include "support/acl_builder.h"
 
 namespace cpa::test {
 namespace {
 
-std::vector<uint8_t> cut(const std::vector<uint8_t>& datagram, size_t bytes) {
-  return std::vector<uint8_t>(datagram.begin(), datagram.end() - static_cast<std::ptrdiff_t>(bytes));
-}
-
 TEST(PalDispatcher, RefusedAndCutShortRequestsAreAnsweredInTheirShapeEchoingWhatArrived) {
   TestAgent t;
   ASSERT_EQ(t.open_tunnel(0x100), 1u);
-  const auto peer_insert = [](uint32_t callback, uint32_t create, uint32_t sadb) {
-    return pal_request(11, Bytes().be32(callback).be32(create).be32(0x77).be32(sadb).zeros(32));
+  const auto peer = [](uint32_t callback, uint32_t create, size_t body = 48) {
+    std::vector<uint8_t> b = Bytes().be32(callback).be32(create).be32(0x77).be32(1).zeros(32);
+    b.resize(body);
+    return b;
   };
-  const std::vector<uint8_t> acl = acl_request(2, {ace_record(1, AceSpec{}), action_record(9, 0)});
+  const char* kNullUpdate = " sadb update request null or sadb update request sadb handle null";
+  const char* kNullAcl = "Callback handle and sadb handle null ";
+  const char* kNullPeer = "Null callack handle or create handle or peer request sadb handle";
   struct Case {
-    std::vector<uint8_t> request, answer;
+    uint16_t cmd;
+    std::vector<uint8_t> body, echoed;  // the answer: the echoed bytes and status 8
     const char* line;
   } cases[] = {
-      {pal_request(1, Bytes().be32(0xA1).be32(0x500).be16(0)), pal_answer(1, Bytes().be32(0xA1).be32(0).be32(8)),
-       "Null callback handle or create handle"},
-      {pal_request(2, Bytes().raw({0xde, 0xad})), pal_answer(2, Bytes().raw({0xde, 0xad, 0, 0}).be32(8)),
-       "Null handle init_complt_req"},
-      {pal_request(3, Bytes().be32(5).be16(0)), pal_answer(3, Bytes().be32(5).be32(8)),
-       "callback handle null or sadb handle null"},
-      {pal_request(4, Bytes().be32(5).be32(0).be32(1).be32(1)), pal_answer(4, Bytes().be32(5).be32(8)),
-       " sadb update request null or sadb update request sadb handle null"},
-      {pal_request(4, Bytes().be32(5).be32(1).be32(1)), pal_answer(4, Bytes().be32(5).be32(8)),
-       " sadb update request null or sadb update request sadb handle null"},
-      {pal_request(5, Bytes().be32(4).be32(1).be32(7)), pal_answer(5, Bytes().be32(4).be32(8)),
-       " isadb attribute request null "},
-      {pal_request(9, Bytes().be32(0).be32(1).zeros(44)), pal_answer(9, Bytes().be32(0).be32(8)),
-       "Callback handle and sadb handle null "},
-      {pal_request(9, Bytes().be32(0x11).be32(0).zeros(44)), pal_answer(9, Bytes().be32(0x11).be32(8)),
-       "Callback handle and sadb handle null "},
-      {pal_request(9, Bytes().be32(0x11).be32(1).zeros(10)), pal_answer(9, Bytes().be32(0x11).be32(8)),
-       "Callback handle and sadb handle null "},
-      {cut(acl, 1), pal_answer(9, Bytes().be32(0x11).be32(8)),
-       "ACL_UPDATE: record at offset 178 passes the end of the PAL req (209 bytes)"},
-      {peer_insert(0, 0xC0, 1), pal_answer(11, Bytes().be32(0).be32(0).be32(8)),
-       "Null callack handle or create handle or peer request sadb handle"},
-      {peer_insert(0xCB, 0, 1), pal_answer(11, Bytes().be32(0xCB).be32(0).be32(8)),
-       "Null callack handle or create handle or peer request sadb handle"},
-      {cut(peer_insert(0xCB, 0xC0, 1), 1), pal_answer(11, Bytes().be32(0xCB).be32(0).be32(8)),
-       "Null callack handle or create handle or peer request sadb handle"},
-      {pal_request(12, Bytes().be32(0).be32(1).be32(0x77)), pal_answer(12, Bytes().be32(0).be32(8)),
-       "Invalid handle"},
-      {pal_request(12, Bytes().be32(0xCB).be32(1)), pal_answer(12, Bytes().be32(0xCB).be32(8)), "Invalid handle"},
+      {1, Bytes().be32(0xA1).be32(0x500).be16(0), Bytes().be32(0xA1).be32(0), "Null callback handle or create handle"},
+      {2, Bytes().be16(0xdead), Bytes().be32(0xdead0000), "Null handle init_complt_req"},
+      {3, Bytes().be32(5).be16(0), Bytes().be32(5), "callback handle null or sadb handle null"},
+      {4, Bytes().be32(5).be32(0).be32(1).be32(1), Bytes().be32(5), kNullUpdate},
+      {4, Bytes().be32(5).be32(1).be32(1), Bytes().be32(5), kNullUpdate},
+      {5, Bytes().be32(4).be32(1).be32(7), Bytes().be32(4), " isadb attribute request null "},
+      {9, Bytes().be32(0).be32(1).zeros(44), Bytes().be32(0), kNullAcl},
+      {9, Bytes().be32(0x11).be32(0).zeros(44), Bytes().be32(0x11), kNullAcl},
+      {9, Bytes().be32(0x11).be32(1).zeros(10), Bytes().be32(0x11), kNullAcl},
+      {11, peer(0, 0xC0), Bytes().be32(0).be32(0), kNullPeer},
+      {11, peer(0xCB, 0), Bytes().be32(0xCB).be32(0), kNullPeer},
+      {11, peer(0xCB, 0xC0, 47), Bytes().be32(0xCB).be32(0), kNullPeer},
+      {12, Bytes().be32(0).be32(1).be32(0x77), Bytes().be32(0), "Invalid handle"},
+      {12, Bytes().be32(0xCB).be32(1), Bytes().be32(0xCB), "Invalid handle"},
   };
   for (const Case& c : cases) {
     t.log.clear();
-    EXPECT_EQ(t.exchange(c.request), c.answer) << c.line;
+    EXPECT_EQ(t.exchange(pal_request(c.cmd, c.body)), pal_answer(c.cmd, Bytes().append(c.echoed).be32(8))) << c.line;
     EXPECT_EQ(t.log.count(c.line), 1) << c.line;
   }
   const cpa_interface_t& tunnel = *t.agent.tunnels.at(1);
