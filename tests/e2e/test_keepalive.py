@@ -16,7 +16,7 @@ class KeepalivePeer:
 
     def __init__(self, test):
         self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
         self.sock.bind((RP_ADDR, KEEPALIVE_PORT))
         test.addCleanup(self.sock.close)
 

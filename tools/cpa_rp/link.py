@@ -12,8 +12,9 @@ LOOPBACK_AGENT, LOOPBACK_RP = "127.0.0.1", "127.0.0.2"
 
 def bound_socket(address, port):
     s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    # The agent holds the wildcard address of the same ports on its host.
-    s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    # The agent holds the wildcard address of the same ports on its host and
+    # shares them with its own user only.
+    s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
     try:
         s.bind((address, port))
     except OSError:
