@@ -35,9 +35,11 @@ class Descriptors(AgentTestCase):
 
 class RoadWithTheUnitsCapabilities(test_rp_road.RoadThroughCpaRp):
     caps = unit_capabilities()
-    launcher = ("setpriv", f"--inh-caps={caps}", f"--ambient-caps={caps}", f"--bounding-set={caps}", "--")
+    # As the unit starts it: root without root's implicit capabilities (SecureBits=noroot-locked).
+    launcher = ("setpriv", f"--inh-caps={caps}", f"--ambient-caps={caps}", f"--bounding-set={caps}",
+                "--securebits=+noroot,+noroot_locked", "--")
 
     def test_the_unit_grants_net_admin_and_net_raw_only(self):
         self.assertEqual(self.caps, "-all,+net_admin,+net_raw")
         status = pathlib.Path(f"/proc/{self.agent.proc.pid}/status").read_text()
-        self.assertRegex(status, r"CapBnd:\s*0*3000\n")  # bits 12 and 13
+        self.assertRegex(status, r"CapEff:\s*0*3000\nCapBnd:\s*0*3000\n")  # bits 12 and 13 only
