@@ -55,17 +55,5 @@ TEST(RpAllowList, AdmitsListedSendersAndCountsAndRateLimitsTheDrops) {
   EXPECT_EQ(log.lines().size(), 2u);
 }
 
-TEST(RpAllowList, WithoutAListEverySenderIsAdmittedAfterOneWarning) {
-  test::LogCapture log;
-  test::FakeClock clock;
-  ctr32 drops;
-  RpSourceFilter filter({}, drops, clock);
-  filter.warn_if_open();
-  EXPECT_TRUE(filter.admits(from("203.0.113.9")));
-  EXPECT_EQ(drops, 0u);
-  EXPECT_EQ(log.lines(), (std::vector<test::LogLine>{
-                             {LOG_WARNING, "No RP allow-list (-R): any sender can drive the agent"}}));
-}
-
 }  // namespace
 }  // namespace cpa
