@@ -31,7 +31,7 @@ inline sockaddr_in address(const char* ip, uint16_t port) {
 inline int bound_socket(const char* ip, uint16_t port) {
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);
   const int on = 1;
-  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  setsockopt(fd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);  // beside the agent's port
   sockaddr_in a = address(ip, port);
   if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
     std::perror("bind");

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Runs the load drivers in sandboxes of their own: rp_load_driver against the
-agent (started with -d 3), then sa_setup_driver against an agent attached to
+agent (started with -d 3), and again with the RP allow-list -R 127.0.0.0/8, then sa_setup_driver against an agent attached to
 the fake platform kernel and against its reference. Root only. The drivers
 send requests this script encodes with the cpa_rp package.
 
@@ -45,8 +45,8 @@ def pin(pid):
         os.sched_setaffinity(int(thread), {1})
 
 
-def run_with_agent(args, env=None):
-    agent = sandbox.Agent("-d", "3", env=env)
+def run_with_agent(args, env=None, agent_args=()):
+    agent = sandbox.Agent("-d", "3", *agent_args, env=env)
     pin(agent.proc.pid)
     try:
         return subprocess.run(args, check=True, capture_output=True, text=True).stdout
@@ -87,7 +87,15 @@ def main():
     if not args.sa_only:
         requests = requests_file("rp-load", [init_start(1, 0x424242), init_completed(7, 1), sadb_delete(7, 1)] +
                                  [init_start(n, 0x100000 + n) for n in TUNNELS])
-        print(run_with_agent([f"{BUILD}/rp_load_driver", requests, *([args.seconds] if args.seconds else [])]), end="")
+        driver = [f"{BUILD}/rp_load_driver", requests, *([args.seconds] if args.seconds else [])]
+        plain = run_with_agent(driver)
+        filtered = run_with_agent(driver, agent_args=("-R", "127.0.0.0/8"))
+        print(plain + "With -R 127.0.0.0/8:\n" + filtered, end="")
+        # Each run's agent rate relative to the echo server measured interleaved
+        # with it, so that the load of the machine between the runs cancels.
+        relative = lambda out: float(re.search(r"agent/echo (\d+\.\d+)", out).group(1))
+        print(f"SADB_INIT_COMPLETED round trips (agent/echo) with -R / without: "
+              f"{relative(filtered) / relative(plain):.2f}")
     sa_setup()
 
 

@@ -23,6 +23,7 @@
 #include "link/arp.h"
 #include "link/arp_handler.h"
 #include "link/keepalive.h"
+#include "link/rp_allow_list.h"
 #include "pal/pal_dispatcher.h"
 #include "pal/tunnel_policy_events.h"
 #include "pal/rp_link.h"
@@ -41,7 +42,7 @@ struct DaemonSockets {
 };
 
 ScopedFd open_or_exit(int domain, int type, int protocol) {
-  ScopedFd fd(socket(domain, type, protocol));
+  ScopedFd fd(socket(domain, type | SOCK_CLOEXEC, protocol));
   if (!fd.valid()) {
     cpa_log(LOG_ERR, " Failed socket() call, reason: %s", std::strerror(errno));
     std::exit(0);
@@ -61,16 +62,14 @@ void bind_request_socket(int g_sd) {
   local.sin_family = AF_INET;
   local.sin_port = htons(kPalPort);
   local.sin_addr.s_addr = htonl(INADDR_ANY);
-  const int on = 1;
-  if (setsockopt(g_sd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0)
-    cpa_log(LOG_ERR, "setsockopt() error, reason: %s", std::strerror(errno));
+  share_port_with_own_user(g_sd);
   if (setsockopt(g_sd, SOL_SOCKET, SO_RCVBUF, &kRequestSocketBuffer, sizeof kRequestSocketBuffer) < 0)
     cpa_log(LOG_ERR, "setsockopt() SO_RCVBUF error, reason: %s", std::strerror(errno));
   cpa_log(LOG_DEBUG, "Set the receive buffer size to 2 MB");
   if (bind(g_sd, reinterpret_cast<sockaddr*>(&local), sizeof local) < 0) {
     cpa_log(LOG_ERR, "bind() error reason: %s", std::strerror(errno));
     close(g_sd);
-    std::_Exit(0);
+    std::_Exit(1);  // non-zero, so that the service manager restarts the agent
   }
   cpa_log(LOG_INFO, "UDP server - bind() is OK");
   cpa_log(LOG_DEBUG, "Using IP %s and port %d", inet_ntoa(local.sin_addr), kPalPort);
@@ -102,9 +101,15 @@ void clear_unit_test_leftovers(CommandRunner& commands) {
   commands.run("ip tunnel del svti2");
 }
 
+// The request socket's receiving end: the RP link and who may use it.
+struct RpReceiver {
+  RpLink& link;
+  RpSourceFilter& filter;
+};
+
 class EventLoop {
  public:
-  EventLoop(Agent& agent, RpLink& rp, ArpPort& arp, ArpHandler& arp_handler, const DaemonSockets& sockets)
+  EventLoop(Agent& agent, RpReceiver rp, ArpPort& arp, ArpHandler& arp_handler, const DaemonSockets& sockets)
       : agent_(agent),
         rp_(rp),
         arp_(arp),
@@ -148,7 +153,7 @@ class EventLoop {
     } else if (fd == sockets_.g_sd.get()) {
       sockaddr_in source{};
       socklen_t source_length = sizeof source;
-      const ssize_t n = rp_.kestrix_pal_recvfrom(buffer_, sizeof buffer_, &source, &source_length);
+      const ssize_t n = rp_.link.kestrix_pal_recvfrom(buffer_, sizeof buffer_, &source, &source_length, rp_.filter);
       if (n > 0) kestrix_pal_process_msg(agent_, ReceivedBytes(buffer_, static_cast<size_t>(n)));
     } else if (fd == sockets_.nlmon_fd.get()) {
       cpa_log(LOG_DEBUG, "got notification from netlink");
@@ -160,7 +165,7 @@ class EventLoop {
   }
 
   Agent& agent_;
-  RpLink& rp_;
+  RpReceiver rp_;
   ArpPort& arp_;
   ArpHandler& arp_handler_;
   const DaemonSockets& sockets_;
@@ -199,17 +204,19 @@ int run_agent(int argc, char* argv[]) {
   RpLink rp(sockets.g_sd.get());
   KernelNetDeviceSysCalls devices;
   Agent agent(opts->settings, AgentSeams{clock, commands, rp, devices});
+  RpSourceFilter filter(opts->rp_allow_list, agent.counters.misc_dbg_ctrs.k_rp_filter_drop, clock);
+  filter.warn_if_open();
   agent.fastpath.kestrix_stats_sharedmem_init();
   agent.nlink.attach(std::move(sockets.nlsock_fd));
   agent.tunnels.init_sadb();
   bind_display_flag(&agent.shared.g_display_ctr);
 
-  Keepalive keepalive(agent.shared, agent.counters, commands);
+  Keepalive keepalive(agent.shared, agent.counters, commands, filter);
   start_keepalive_or_exit(keepalive);
   if (agent.settings.g_unit_test_on) clear_unit_test_leftovers(commands);
   ProcessEnvironment environment;
   ArpHandler arp_handler(ArpSeams{devices, commands, environment}, agent.counters.misc_dbg_ctrs);
-  EventLoop(agent, rp, arp, arp_handler, sockets).serve_forever();
+  EventLoop(agent, RpReceiver{rp, filter}, arp, arp_handler, sockets).serve_forever();
 }
 
 }  // namespace cpa

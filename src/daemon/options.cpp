@@ -26,7 +26,7 @@ std::optional<Options> parse_options(int argc, char* const argv[], FILE* out) {
   bool level_given = false;
   optind = 0;  // full re-initialisation, so that parsing can run more than once
   int opt;
-  while ((opt = getopt(argc, argv, "h?d:ur:k:")) != -1) {
+  while ((opt = getopt(argc, argv, "h?d:ur:k:R:")) != -1) {
     switch (opt) {
       case 'd': {
         unsigned level = 0;
@@ -58,6 +58,12 @@ std::optional<Options> parse_options(int argc, char* const argv[], FILE* out) {
         const std::optional<KernelFlavour> flavour = parse_flavour(optarg);
         if (!flavour) return usage(out, argv[0]);
         opts.settings.kernel_flavour = *flavour;
+        break;
+      }
+      case 'R': {
+        const std::optional<Ipv4Prefix> prefix = parse_ipv4_prefix(optarg);
+        if (!prefix) return usage(out, argv[0]);
+        opts.rp_allow_list.push_back(*prefix);
         break;
       }
       default:

@@ -1,10 +1,12 @@
-// The command line: -d <level>, -r <size>, -u.
+// The command line: -d <level>, -r <size>, -u, -k <kernel>, -R <addr>[/<len>]...
 #pragma once
 
 #include <cstdio>
 #include <optional>
+#include <vector>
 
 #include "agent/agent.h"
+#include "link/rp_allow_list.h"
 
 namespace cpa {
 
@@ -12,6 +14,7 @@ struct Options {
   AgentSettings settings;
   int log_severity = 0;
   bool filter_log = false;  // -d gave a level in 0-7
+  std::vector<Ipv4Prefix> rp_allow_list;  // -R, repeatable; empty admits every sender
 };
 
 // Parses the options, printing their messages to `out`. Returns nothing when

@@ -115,14 +115,15 @@ void write_misc_section(ReportWriter& w, const cpa_misc_ctr_t& c) {
   w.single("\n %s \t\t\t\t %8lu ", "Max Keepalive", c.k_cpa_abort);
   w.single("\n %s \t\t\t\t %8lu ", "ARP request", c.k_arp_req);
   w.single("\n %s \t\t\t %8lu ", "Grat. Arp reply", c.k_arp_reply);
-  w.single("\n %s \t\t\t\t %8lu \n\n", "ARP Proc err", c.k_arp_err);
+  w.single("\n %s \t\t\t\t %8lu ", "ARP Proc err", c.k_arp_err);
+  w.single("\n %s \t\t\t %8lu \n\n", "Non-RP drops", c.k_rp_filter_drop);
 }
 
 }  // namespace
 
 void Pal_Ceal_dbg_counter_display(const DebugCounters& ctrs, CommandRunner& commands,
                                   const char* path) {
-  FilePtr file(std::fopen(path, "w+"), &std::fclose);
+  FilePtr file(std::fopen(path, "w+e"), &std::fclose);
   if (!file) {
     commands.run("touch /usr/admin/log/.cpa_err");
     return;

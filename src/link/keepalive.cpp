@@ -52,13 +52,13 @@ int Keepalive::start() {
 }
 
 int Keepalive::keepalive_timers_init() {
-  keepalive_interval_fd.reset(timerfd_create(CLOCK_MONOTONIC, 0));
+  keepalive_interval_fd.reset(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
   cpa_log(LOG_DEBUG, "keepalive_interval_fd timerfd_create returns %d\n", keepalive_interval_fd.get());
   if (!keepalive_interval_fd.valid()) {
     cpa_log(LOG_ERR, "timer_create returns %d\n", keepalive_interval_fd.get());
     return 1;
   }
-  keepalive_retry_fd.reset(timerfd_create(CLOCK_MONOTONIC, 0));
+  keepalive_retry_fd.reset(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC));
   cpa_log(LOG_DEBUG, "keepalive_retry_fd timerfd_create returns %d\n", keepalive_retry_fd.get());
   if (!keepalive_retry_fd.valid()) {
     cpa_log(LOG_ERR, "timer_create returns %d\n", keepalive_retry_fd.get());
@@ -69,16 +69,14 @@ int Keepalive::keepalive_timers_init() {
 }
 
 int Keepalive::keepalive_socket_init() {
-  ScopedFd sd(socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP));
+  ScopedFd sd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
   if (!sd.valid()) {
     cpa_log(LOG_ERR, " Failed socket() call, reason: %s", std::strerror(errno));
     return 1;
   }
   cpa_log(LOG_DEBUG, "socket() is OK");
   cpa_log(LOG_DEBUG, "try to bind...");
-  const int on = 1;
-  if (setsockopt(sd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) < 0)
-    cpa_log(LOG_ERR, "setsockopt() error, reason: %s", std::strerror(errno));
+  share_port_with_own_user(sd.get());
   sockaddr_in local{};
   local.sin_family = AF_INET;
   local.sin_port = htons(config_.local_port);
@@ -179,6 +177,7 @@ void Keepalive::serve_socket() {
     cpa_log(LOG_ERR, "Error in recvfrom %d errno %d", static_cast<int>(n), errno);
     return;
   }
+  if (!filter_.admits(source)) return;
   // A datagram too short for its type reads as type 0 (zero-filled).
   const auto type = ReceivedBytes(keepalive_recv_buf, static_cast<size_t>(n)).read_padded<uint16_t>(0);
   if (ntohs(type.value) != MSG_KEEP_ALIVE) {

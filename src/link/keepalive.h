@@ -11,6 +11,7 @@
 #include "base/thread_shared.h"
 #include "diag/counter_report.h"
 #include "base/counters.h"
+#include "link/rp_allow_list.h"
 #include "platform/scoped_fd.h"
 #include "platform/system_ports.h"
 
@@ -29,8 +30,8 @@ struct KeepaliveConfig {
 class Keepalive {
  public:
   Keepalive(ThreadShared& shared, DebugCounters& counters, CommandRunner& commands,
-            KeepaliveConfig config = {})
-      : shared_(shared), counters_(counters), commands_(commands), config_(config) {}
+            RpSourceFilter& filter, KeepaliveConfig config = {})
+      : shared_(shared), counters_(counters), commands_(commands), filter_(filter), config_(config) {}
 
   // Starts the thread (body keepalive_timer_loop, argument 1); pthread_create's result.
   int start();
@@ -61,6 +62,7 @@ class Keepalive {
   ThreadShared& shared_;
   DebugCounters& counters_;
   CommandRunner& commands_;
+  RpSourceFilter& filter_;
   KeepaliveConfig config_;
 
   ScopedFd keepalive_sd;

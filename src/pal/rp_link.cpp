@@ -10,7 +10,7 @@
 namespace cpa {
 
 ssize_t RpLink::kestrix_pal_recvfrom(uint8_t* buf, size_t buflen, sockaddr_in* src_addr,
-                                     socklen_t* addrlen) {
+                                     socklen_t* addrlen, RpSourceFilter& filter) {
   if (fd_ < 0) {
     cpa_log(LOG_DEBUG, "fd can not be < 0");
     return -1;
@@ -21,6 +21,7 @@ ssize_t RpLink::kestrix_pal_recvfrom(uint8_t* buf, size_t buflen, sockaddr_in* s
     cpa_log(LOG_ERR, "recvfrom() error, reason: %s", std::strerror(errno));
     return n;
   }
+  if (!filter.admits(*src_addr)) return 0;
   // Responses always go to the first sender's address at the PAL port,
   // never to the port a request came from.
   if (pal_cpaddr_.sin_family == 0) {

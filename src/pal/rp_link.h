@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "link/rp_allow_list.h"
 #include "platform/rp_outbox.h"
 
 namespace cpa {
@@ -20,8 +21,9 @@ class RpLink final : public RpOutbox {
   explicit RpLink(int fd) : fd_(fd) {}
 
   // Receives one datagram; the first one ever received fixes the RP address.
+  // A datagram `filter` refuses reads as empty and latches nothing.
   ssize_t kestrix_pal_recvfrom(uint8_t* buf, size_t buflen, sockaddr_in* src_addr,
-                               socklen_t* addrlen);
+                               socklen_t* addrlen, RpSourceFilter& filter);
   ssize_t send_to_rp(const uint8_t* buf, size_t len) override;
 
   const sockaddr_in& pal_cpaddr() const { return pal_cpaddr_; }

@@ -160,16 +160,17 @@ class SyslogCapture:
 
 
 class Agent:
-    """The real ipsec_cpa in a fresh network namespace, with its syslog."""
+    """The real ipsec_cpa in a fresh network namespace, with its syslog; started
+    through the command `launcher` (e.g. setpriv) if one is given."""
 
-    def __init__(self, *args, wait_ready=True, env=None, fresh_namespace=True):
+    def __init__(self, *args, wait_ready=True, env=None, fresh_namespace=True, launcher=()):
         if fresh_namespace:
             new_network_namespace()
         self.syslog = SyslogCapture()
         self.stdout_path = f"{SCRATCH}/agent-{time.monotonic_ns()}.out"
         self.stderr_path = self.stdout_path + ".err"
         with open(self.stdout_path, "wb") as out, open(self.stderr_path, "wb") as err:
-            self.proc = subprocess.Popen([BINARY, *args], stdout=out, stderr=err,
+            self.proc = subprocess.Popen([*launcher, BINARY, *args], stdout=out, stderr=err,
                                          env={**os.environ, **(env or {})})
         if wait_ready and not self.wait_ports_bound():
             raise AssertionError(f"agent did not come up: {self.syslog.lines()}")
@@ -255,9 +256,12 @@ class AgentTestCase(unittest.TestCase):
         if not os.access(BINARY, os.X_OK):
             self.fail(f"no agent binary at {BINARY}")
 
+    launcher = ()  # a command that starts the agents of this test case
+
     def start_agent(self, *args, expect_running=True, wait_ready=True, env=None,
                     fresh_namespace=True):
-        agent = Agent(*args, wait_ready=wait_ready, env=env, fresh_namespace=fresh_namespace)
+        agent = Agent(*args, wait_ready=wait_ready, env=env, fresh_namespace=fresh_namespace,
+                      launcher=self.launcher)
         self.addCleanup(self._stop, agent, expect_running)
         return agent
 

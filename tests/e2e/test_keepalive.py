@@ -8,6 +8,7 @@ import unittest
 
 from sandbox import AgentTestCase, AGENT_ADDR, KEEPALIVE_PORT, RP_ADDR, LOG_ERR, LOG_INFO, LOG_WARNING
 from cpa_rp import report
+from cpa_rp.link import bound_socket
 from cpa_rp.wire import KEEPALIVE, be16, init_start
 
 
@@ -15,9 +16,7 @@ class KeepalivePeer:
     """The RP's keepalive socket, at RP_ADDR port 23458."""
 
     def __init__(self, test):
-        self.sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self.sock.bind((RP_ADDR, KEEPALIVE_PORT))
+        self.sock = bound_socket(RP_ADDR, KEEPALIVE_PORT, AGENT_ADDR)
         test.addCleanup(self.sock.close)
 
     def send(self, datagram=KEEPALIVE, sock=None):

@@ -95,7 +95,7 @@ class StartupSequence(AgentTestCase):
         self.assertEqual(sorted(groups for _, groups in xfrm_sockets()), [0, 9])
 
     def test_a_taken_port_ends_the_start_up(self):
-        for port, status, line in ((23456, 0, "bind() error reason: Address already in use"),
+        for port, status, line in ((23456, 1, "bind() error reason: Address already in use"),
                                    (23458, 1, "Socket Initialization failed")):
             new_network_namespace()
             holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)

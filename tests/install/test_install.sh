@@ -38,6 +38,12 @@ sed "s|^ExecStart=$prefix/|ExecStart=$root$prefix/|" "$root$prefix/lib/systemd/s
 verify=$(MANPATH="$root$prefix/share/man" systemd-analyze verify "$unit" 2>&1) || fail "systemd-analyze verify: $verify"
 [ -z "$verify" ] || fail "systemd-analyze verify: $verify"
 
+exposure=$(systemd-analyze security --offline=true "$unit" 2>/dev/null | sed -n 's/.*Overall exposure level for [^:]*: \([0-9.]*\).*/\1/p')
+echo "install check: systemd-analyze security exposure $exposure"
+awk -v e="$exposure" 'BEGIN { exit !(e != "" && e <= 2.5) }' || fail "exposure ${exposure:-unknown} is above 2.5"
+grep -qx 'IPSEC_CPA_OPTS="-d 6 -r 64"' "$root$sysconf/default/ipsec_cpa" ||
+  fail "the installed options do not pass -d 6 -r 64"
+
 for page in man/ipsec_cpa.8 man/cpa-rp.1; do
   warnings=$(groff -man -ww -z "$page" 2>&1)
   [ -z "$warnings" ] || fail "$page: $warnings"

@@ -400,7 +400,7 @@ def watch(opts):
     (and sends one first) so that the agent sees a live RP."""
     rp = rp_address(opts)
     to_agent = (opts.agent, KEEPALIVE_PORT)
-    with rp_link(opts) as link, bound_socket(rp, KEEPALIVE_PORT) as ka:
+    with rp_link(opts) as link, bound_socket(rp, KEEPALIVE_PORT, opts.agent) as ka:
         send(lambda: send_keepalive(opts.agent, sock=ka), to_agent)
         seen = 0
         deadline = time.monotonic() + opts.duration if opts.duration else None

@@ -10,12 +10,18 @@ from .wire import KEEPALIVE, KEEPALIVE_PORT, PAL_PORT
 LOOPBACK_AGENT, LOOPBACK_RP = "127.0.0.1", "127.0.0.2"
 
 
-def bound_socket(address, port):
+def bound_socket(address, port, agent=None):
+    """A UDP socket at `address`:`port`; given the `agent`'s address, it hears
+    only the agent's socket of the same port."""
     s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    # The agent holds the wildcard address of the same ports on its host.
-    s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    # On the agent's host the agent holds the wildcard address of the same
+    # ports and shares them with its own user only. Sockets sharing a port are
+    # served in turn unless connected: the newest connected one hears the agent.
+    s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
     try:
         s.bind((address, port))
+        if agent:
+            s.connect((agent, port))
     except OSError:
         s.close()
         raise
@@ -25,7 +31,7 @@ def bound_socket(address, port):
 class RpLink:
     def __init__(self, agent=LOOPBACK_AGENT, rp=LOOPBACK_RP):
         self.agent = agent
-        self.sock = bound_socket(rp, PAL_PORT)
+        self.sock = bound_socket(rp, PAL_PORT, agent)
 
     def send(self, datagram):
         self.sock.sendto(bytes(datagram), (self.agent, PAL_PORT))

@@ -10,7 +10,7 @@ import time
 REPORT = "/usr/admin/log/.cpa_ctrs"
 ROW = re.compile(r"^ (\S.*?) \t+ +(\d+) \t+ +(\d+) \t+ +(\d+)$", re.M)
 VALUE = re.compile(r"^ (\S.*?) \t+ +(\d+) $", re.M)
-END = re.compile(r"ARP Proc err \t+ +\d+ \n\n\Z")
+END = re.compile(r"Non-RP drops \t+ +\d+ \n\n\Z")
 COARSE_CLOCK_SLACK_NS = 20_000_000  # file times come from a clock a tick behind time.time()
 
 
