@@ -29,7 +29,7 @@ TEST(PalDispatcher, RefusedAndCutShortRequestsAreAnsweredInTheirShapeEchoingWhat
     uint32_t status = 8;
   } cases[] = {
       {1, Bytes().be32(0xA1).be32(0x500).be16(0), Bytes().be32(0xA1).be32(0), "Null callback handle or create handle"},
-      {1, Bytes().be32(0xA1).be32(0x100).be32(0), Bytes().be32(0xA1).be32(1), "Duplicate KESTRIX_PAL_SADB_START", 0},
+      {1, Bytes().be32(0xA1).be32(0x100).be32(0), Bytes().be32(0xA1).be32(1), "Duplicate KESTRIX_PAL_SADB_START", CRYPTO_NO_ERR},
       {2, Bytes().be16(0xdead), Bytes().be32(0xdead0000), "Null handle init_complt_req"},
       {3, Bytes().be32(5).be16(0), Bytes().be32(5), "callback handle null or sadb handle null"},
       {4, Bytes().be32(5).be32(0).be32(1).be32(1), Bytes().be32(5), kNullUpdate},
