@@ -179,22 +179,23 @@ TEST_F(StatsQueries, GlobalCountersComeFromRowZeroAndSadbCountersAreZero) {
   EXPECT_EQ(t.exchange(ceal_request(2, kGlobal)), Bytes().be16(1).be16(36).be16(2).append(kGlobal).zeros(20).vec());
 }
 
-// The developers' segment tool writes the layout the agent reads.
+// The developers' segment tool writes the layout the agent reads (and FpSegment writes).
 TEST_F(StatsQueries, SegmentWrittenByTheToolReadsBack) {
   char path[] = "/tmp/fp-segment-XXXXXX";
   close(mkstemp(path));
-  const std::string tool = std::string("python3 ") + CPA_TESTDATA + "/../../tools/fp_segment.py --path " + path;
+  const std::string tool = std::string("python3 ") + CPA_TESTDATA + "/../../../tools/cpa_rp/segment.py --path " + path;
   ASSERT_EQ(std::system((tool + " --sa 3 0x12345678 10.0.0.1 50 --sa 4 0x12345678 10.0.0.2 50"
-                                " --sa-counter 4 127 out_sa_packets 6").c_str()), 0);
+                                " --sa-counter 4 127 out_sa_packets 6 --global-counter 127 out_bytes 9").c_str()), 0);
   const int fd = open(path, O_RDONLY);
-  void* mapped = mmap(nullptr, FpSegment::kSize, PROT_READ, MAP_SHARED, fd, 0);
+  void* mapped = mmap(nullptr, fp::kSegmentSize, PROT_READ, MAP_SHARED, fd, 0);
   close(fd);
   unlink(path);
   ASSERT_NE(mapped, MAP_FAILED);
   t.agent.fastpath.use_segment(static_cast<const uint8_t*>(mapped));
   add_sa(slot1, false, 1, 0x12345678, kDst + 1);
   EXPECT_EQ(be32_at(t.exchange(flow_query({{1, false}})), stats_of(0) + 224), 6u);
-  munmap(mapped, FpSegment::kSize);
+  EXPECT_EQ(be32_at(t.exchange(ceal_request(3, kGlobal)), 16 + 72), 9u);  // low word of out_bytes
+  munmap(mapped, fp::kSegmentSize);
 }
 
 TEST(StatsQueriesWithoutSegment, EveryQueryIsAnsweredWithZeroCounters) {

@@ -24,10 +24,12 @@ TEST(PalDispatcher, RefusedAndCutShortRequestsAreAnsweredInTheirShapeEchoingWhat
   const char* kNullPeer = "Null callack handle or create handle or peer request sadb handle";
   struct Case {
     uint16_t cmd;
-    std::vector<uint8_t> body, echoed;  // the answer: the echoed bytes and status 8
+    std::vector<uint8_t> body, echoed;  // the answer: the echoed bytes and the status
     const char* line;
+    uint32_t status = 8;
   } cases[] = {
       {1, Bytes().be32(0xA1).be32(0x500).be16(0), Bytes().be32(0xA1).be32(0), "Null callback handle or create handle"},
+      {1, Bytes().be32(0xA1).be32(0x100).be32(0), Bytes().be32(0xA1).be32(1), "Duplicate KESTRIX_PAL_SADB_START", CRYPTO_NO_ERR},
       {2, Bytes().be16(0xdead), Bytes().be32(0xdead0000), "Null handle init_complt_req"},
       {3, Bytes().be32(5).be16(0), Bytes().be32(5), "callback handle null or sadb handle null"},
       {4, Bytes().be32(5).be32(0).be32(1).be32(1), Bytes().be32(5), kNullUpdate},
@@ -44,7 +46,7 @@ TEST(PalDispatcher, RefusedAndCutShortRequestsAreAnsweredInTheirShapeEchoingWhat
   };
   for (const Case& c : cases) {
     t.log.clear();
-    EXPECT_EQ(t.exchange(pal_request(c.cmd, c.body)), pal_answer(c.cmd, Bytes().append(c.echoed).be32(8))) << c.line;
+    EXPECT_EQ(t.exchange(pal_request(c.cmd, c.body)), pal_answer(c.cmd, Bytes().append(c.echoed).be32(c.status))) << c.line;
     EXPECT_EQ(t.log.count(c.line), 1) << c.line;
   }
   const cpa_interface_t& tunnel = *t.agent.tunnels.at(1);
@@ -53,15 +55,28 @@ TEST(PalDispatcher, RefusedAndCutShortRequestsAreAnsweredInTheirShapeEchoingWhat
   EXPECT_EQ(tunnel.peer_index, -1);
 }
 
-TEST(PalDispatcher, MarksRpActivityOnlyForPalAndCealMessages) {
+TEST(PalDispatcher, MarksRpActivityOnlyForPalAndCealMessagesAndDropsWhatHasNoCommand) {
   TestAgent t;
-  EXPECT_EQ(t.deliver(Bytes().be16(3).be16(2).be16(0)), 0);
-  EXPECT_TRUE(t.log.has(LOG_ERR, "Unknown msg type 3 rcvd"));
-  EXPECT_FALSE(t.agent.shared.take_rp_activity());
-  t.deliver(pal_request(7, {}));
-  EXPECT_TRUE(t.agent.shared.take_rp_activity());
-  t.deliver(Bytes().be16(1).be16(2).be16(9));
-  EXPECT_TRUE(t.agent.shared.take_rp_activity());
+  const struct {
+    std::vector<uint8_t> datagram;
+    bool activity;
+    const char* line;
+  } cases[] = {
+      {Bytes().be16(0).u8(0), false, "Datagram of 3 bytes has no message header, dropped"},
+      {Bytes().be16(3).be16(2).be16(0), false, "Unknown msg type 3 rcvd"},
+      {Bytes().be16(0).be16(0), true, "PAL request of 4 bytes has no command, dropped"},
+      {pal_request(7, {}), true, nullptr},
+      {Bytes().be16(1).be16(2).be16(9), true, nullptr},
+  };
+  for (const auto& c : cases) {
+    t.log.clear();
+    t.deliver(c.datagram);
+    EXPECT_EQ(t.agent.shared.take_rp_activity(), c.activity) << c.datagram.size();
+    if (c.line) {
+      EXPECT_TRUE(t.log.has(LOG_ERR, c.line)) << c.line;
+      EXPECT_TRUE(t.take_sent().empty()) << c.line;
+    }
+  }
 }
 
 TEST(PalDispatcher, FailedSendIsLoggedAndStillCounted) {

@@ -13,7 +13,8 @@ namespace {
 
 // A peer insert whose first parameter, do_idle_timer, marks the record it makes.
 std::vector<uint8_t> insert(uint32_t sadb, uint32_t peer, uint32_t marker = 1) {
-  return pal_request(11, Bytes().be32(0xCB).be32(0xC0).be32(peer).be32(sadb).be32(marker).zeros(28));
+  return pal_request(11, Bytes().be32(0xCB).be32(0xC0).be32(peer).be32(sadb).be32(marker).be32(2).be32(0x1A)
+                             .be32(4).be32(5).be32(0x1B).be32(7).be16(8).be16(9));
 }
 std::vector<uint8_t> insert_answer(uint32_t peer, uint32_t status) {
   return pal_answer(11, Bytes().be32(0xCB).be32(peer).be32(status));
@@ -57,6 +58,9 @@ TEST_F(Peers, SlotsFollowInsertsReinsertsReplacementsAndDeletes) {
     EXPECT_EQ(slots(), s.slots) << ::testing::PrintToString(s.request);
   }
   EXPECT_TRUE(t.log.has(LOG_ERR, "Duplicate INSERT_PEER request"));
+  EXPECT_TRUE(t.log.has(LOG_DEBUG, " do_idle_timer 10, idle_timer_setting 2, idle_timer_handle 1a, do_dpd 4, "
+                                   "dpd_threshold 5 \n dpd_hdl 1b, do_trnslation 7, inside_remort_port 8, "
+                                   "outside_remote_port 9 "));
   const uint32_t t3 = t.open_tunnel(0x300);
   t.exchange(insert(t3, 0x55));
   EXPECT_EQ(t.agent.tunnels.at(t3)->peer_index, 0);  // the deleted tunnel's slot

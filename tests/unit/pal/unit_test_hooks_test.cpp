@@ -12,6 +12,7 @@
 
 #include "diag/unit_test_mode.h"
 #include "fakes/kernel_test_agent.h"
+#include "fakes/log_capture.h"
 #include "support/acl_builder.h"
 
 namespace cpa::test {
@@ -26,7 +27,6 @@ class ConsoleCapture final : public UtConsole {
     std::vsnprintf(line, sizeof line, format, args);
     text += line;
   }
-  bool has(const std::string& what) const { return text.find(what) != std::string::npos; }
   std::string text;
 
  private:
@@ -89,21 +89,27 @@ TEST(UnitTestMode, AttachStoresTheScenariosKeyRecordsForBothDirections) {
 
 // ACL install: SPI insert (which inserts the crypto flow) and peer insert,
 // none of them answered. Detach: SPI delete (which deletes the flow) and
-// peer delete; the SAs stay until the RP deletes their flows.
+// peer delete; the SAs stay until the RP deletes their flows. The console
+// text of both scenarios, attach to detach, is in testdata.
 TEST(UnitTestMode, AclInstallBringsBothSasIntoTheKernelAndDetachReleasesThePeer) {
-  UtWorld w;
-  w.answers(attach(w.slot, 2));
-  EXPECT_EQ(w.answers(acl_install(w.slot)), 1u);
-  std::vector<std::pair<uint32_t, uint32_t>> sas;  // (destination, SPI)
-  for (const FakeSa& sa : w.t.kernel.sas()) sas.push_back({ntohl(sa.daddr), ntohl(sa.spi)});
-  EXPECT_EQ(sas, (std::vector<std::pair<uint32_t, uint32_t>>{{0x02030405, 0x22221234}, {0x03040506, 0x12342222}}));
-  EXPECT_TRUE(w.t.agent.cipher_info_list.empty());
-  EXPECT_EQ(w.tunnel().peer_handle, 0x456u);
-
-  EXPECT_EQ(w.answers(attach(0, 2)), 1u);
-  EXPECT_TRUE(w.console.has("tunn id 2 spi_handle [12342222]\n---^V^V^V flow hdl 0x22221234\n"
-                            "tunn id 2 flow_handle [22221234]"));
-  EXPECT_EQ(w.tunnel().peer_index, -1);
+  std::string console;
+  for (uint32_t tunnel_id : {2, 15}) {
+    SCOPED_TRACE(tunnel_id);
+    UtWorld w;
+    w.answers(attach(w.slot, tunnel_id));
+    EXPECT_EQ(w.answers(acl_install(w.slot)), 1u);
+    EXPECT_TRUE(w.t.agent.cipher_info_list.empty());
+    EXPECT_EQ(w.tunnel().peer_handle, 0x456u);
+    if (tunnel_id == 2) {
+      std::vector<std::pair<uint32_t, uint32_t>> sas;  // (destination, SPI)
+      for (const FakeSa& sa : w.t.kernel.sas()) sas.push_back({ntohl(sa.daddr), ntohl(sa.spi)});
+      EXPECT_EQ(sas, (std::vector<std::pair<uint32_t, uint32_t>>{{0x02030405, 0x22221234}, {0x03040506, 0x12342222}}));
+    }
+    EXPECT_EQ(w.answers(attach(0, tunnel_id)), 1u);
+    EXPECT_EQ(w.tunnel().peer_index, -1);
+    console += "== tunnel " + std::to_string(tunnel_id) + "\n" + w.console.text + "\n";
+  }
+  EXPECT_EQ(console, read_file(CPA_TESTDATA "/unit_test_console.txt"));
 }
 
 TEST(UnitTestMode, ATunnelWithoutScenarioPrintsTheErrorOncePerHookAndChangesNothing) {

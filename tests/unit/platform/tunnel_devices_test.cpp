@@ -108,29 +108,24 @@ TEST_F(Devices, LinuxModeMakesAnXfrmInterfaceOverRtnetlinkAndReplacesAStaleOne) 
   EXPECT_TRUE(kernel.tunnel_ioctl_targets.empty());
 }
 
-TEST_F(Devices, StaleDeviceThatCannotGoOrKeepsComingBackFailsTheAddOnce) {
-  kernel.control_device = true;
-  kernel.add_device("svti7", false);
-  kernel.fail[kSiocDelTunnel] = EPERM;
-  EXPECT_EQ(svti_add(kernel, "svti7"), 1);
-  EXPECT_TRUE(log.has(LOG_ERR, "ioctl: failed"));
-  EXPECT_NE(kernel.device("svti7"), nullptr);
-
-  kernel.fail.clear();
-  kernel.fail[kSiocAddTunnel] = EEXIST;
-  log.clear();
-  EXPECT_EQ(svti_add(kernel, "svti7"), 1);
-  EXPECT_EQ(log.count("Deleting stale SVTI interface svti7"), 1);
-  EXPECT_EQ(log.count("ioctl : svti7- File exists"), 2);
-  EXPECT_TRUE(log.has(LOG_ERR, "interface already exists"));
-}
-
-TEST_F(Devices, AFailingStepFailsTheAddAndClosesWhatItOpened) {
+TEST_F(Devices, AFailingStepFailsTheAddOrDeleteAndClosesWhatItOpened) {
+  const auto stale = [](FakeNetDevices& k, unsigned long request, int error) {
+    k.control_device = true;
+    k.add_device("svti7", false);
+    k.fail[request] = error;
+  };
   struct Case {
     std::function<void(FakeNetDevices&)> inject;
     int priority;
     const char* line;
+    bool del = false;
   } cases[] = {
+      // A stale device that cannot go, or keeps coming back.
+      {[&](FakeNetDevices& k) { stale(k, kSiocDelTunnel, EPERM); }, LOG_ERR, "ioctl: failed"},
+      {[&](FakeNetDevices& k) { stale(k, kSiocAddTunnel, EEXIST); }, LOG_ERR, "interface already exists"},
+      {[](FakeNetDevices&) {}, LOG_ERR, "ioctl: failed", true},  // no such device
+      {[](FakeNetDevices& k) { k.fail_socket = ENFILE; }, LOG_ERR, "socket failed: Too many open files in system",
+       true},
       {[](FakeNetDevices& k) { k.fail_socket = EMFILE; }, LOG_ERR, "socket failed: Too many open files"},
       {[](FakeNetDevices& k) { k.control_device = true, k.fail[kSiocAddTunnel] = EPERM; }, LOG_ERR,
        "ioctl : svti7- Operation not permitted"},
@@ -145,21 +140,13 @@ TEST_F(Devices, AFailingStepFailsTheAddAndClosesWhatItOpened) {
     LogCapture lines;
     FakeNetDevices k;
     c.inject(k);
-    EXPECT_EQ(svti_add(k, "svti7"), 1) << c.line;
+    EXPECT_EQ(c.del ? svti_del(k, "svti7") : svti_add(k, "svti7"), 1) << c.line;
     EXPECT_TRUE(lines.has(c.priority, c.line)) << ::testing::PrintToString(lines.texts());
     check_descriptors(k);
     if (k.fail.count(TUNSETPERSIST)) {
       EXPECT_EQ(k.device("svti7"), nullptr);  // the stand-in goes with its descriptor
     }
   }
-}
-
-TEST_F(Devices, DeletingAMissingDeviceFails) {
-  EXPECT_EQ(svti_del(kernel, "svti7"), 1);
-  EXPECT_TRUE(log.has(LOG_ERR, "ioctl: failed"));
-  kernel.fail_socket = ENFILE;
-  EXPECT_EQ(svti_del(kernel, "svti7"), 1);
-  EXPECT_TRUE(log.has(LOG_ERR, "socket failed: Too many open files in system"));
 }
 
 }  // namespace
