@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -109,6 +110,8 @@ TEST(UnitTestMode, AclInstallBringsBothSasIntoTheKernelAndDetachReleasesThePeer)
     EXPECT_EQ(w.tunnel().peer_index, -1);
     console += "== tunnel " + std::to_string(tunnel_id) + "\n" + w.console.text + "\n";
   }
+  // The console names the source line that wrote the keys; it is not behaviour.
+  console = std::regex_replace(console, std::regex("(kestrix_ipsec_send_keys_to_ce),[0-9]+"), "$1,LINE");
   EXPECT_EQ(console, read_file(CPA_TESTDATA "/unit_test_console.txt"));
 }
 
