@@ -12,6 +12,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "netlink/nl_message.h"
+
 namespace cpa::test {
 namespace {
 
@@ -25,14 +27,8 @@ std::string name_of(const char* field, size_t size) {
 // The attributes from `offset` on, by type (the first of each), within `len`.
 std::map<uint16_t, std::string> attributes(const uint8_t* msg, size_t offset, size_t len) {
   std::map<uint16_t, std::string> found;
-  while (offset + sizeof(rtattr) <= len) {
-    rtattr rta;
-    std::memcpy(&rta, msg + offset, sizeof rta);
-    if (rta.rta_len < sizeof rta || offset + rta.rta_len > len) break;
-    found.emplace(rta.rta_type, std::string(reinterpret_cast<const char*>(msg) + offset + sizeof rta,
-                                            rta.rta_len - sizeof rta));
-    offset += RTA_ALIGN(rta.rta_len);
-  }
+  for (const NlAttr& a : NlAttrs(ReceivedBytes(msg, len).slice(offset)))
+    found.emplace(a.type, std::string(reinterpret_cast<const char*>(a.payload.data()), a.payload.size()));
   return found;
 }
 

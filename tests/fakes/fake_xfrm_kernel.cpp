@@ -11,7 +11,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "netlink/nl_message.h"
 #include "support/wire_reader.h"
+#include "wire/xfrm_platform.h"
 
 namespace cpa::test {
 namespace {
@@ -45,8 +47,6 @@ constexpr uint16_t kNewSa = 16, kDelSa = 17, kGetSa = 18, kNewPolicy = 19, kDelP
 constexpr uint16_t kAttrAuth = 1, kAttrCrypt = 2, kAttrTmpl = 5, kAttrPolicyType = 16,
                    kAttrAead = 18, kAttrSvti = 34;
 
-size_t align4(size_t n) { return (n + 3) & ~size_t{3}; }
-
 template <class T>
 void put(Message& m, size_t pos, T v) {
   if (m.size() < pos + sizeof v) m.resize(pos + sizeof v);
@@ -61,14 +61,23 @@ bool all_zero(const Message& m, size_t pos, size_t len) {
   return std::all_of(m.begin() + pos, m.begin() + pos + len, [](uint8_t b) { return b == 0; });
 }
 
-void append_attr(Message& payload, uint16_t type, const Message& data) {
-  payload.resize(align4(payload.size()));
-  const size_t pos = payload.size();
-  put<uint16_t>(payload, pos, static_cast<uint16_t>(4 + data.size()));
-  put<uint16_t>(payload, pos + 2, type);
-  payload.insert(payload.end(), data.begin(), data.end());
-  payload.resize(align4(payload.size()));
-}
+// A message the fake sends, built with the agent's netlink core.
+class Built {
+ public:
+  Built(uint16_t type, uint16_t flags, uint32_t seq, uint32_t pid, const Message& body) {
+    msg_.put_header(type, flags, pid, seq);
+    msg_.put_body(body.data(), body.size());
+  }
+  Built& attr(uint16_t type, const Message& data) {
+    msg_.put_attr(type, data.data(), data.size());
+    return *this;
+  }
+  Message take() const { return {msg_.bytes().begin(), msg_.bytes().end()}; }
+
+ private:
+  Message buffer_ = Message(65536);
+  NlMessage msg_{buffer_};
+};
 
 Message template_for(uint32_t reqid) {
   Message tmpl(at::kTmplSize, 0);
@@ -87,17 +96,24 @@ struct Attr {
 
 // ---- Layout checks: each returns what is wrong, or an empty string. --------
 
+// The attributes from `from` on, walked by the agent's core; the fake's
+// own offsets check what they hold.
 std::string walk_attrs(const Message& m, size_t from, std::vector<Attr>& out) {
-  size_t pos = align4(from);
-  while (pos < m.size()) {
-    if (pos + 4 > m.size()) return "attribute header cut short at " + std::to_string(pos);
-    const uint16_t len = host_at<uint16_t>(m, pos);
-    if (len < 4 || pos + len > m.size())
-      return "attribute at " + std::to_string(pos) + " has rta_len " + std::to_string(len);
-    out.push_back({host_at<uint16_t>(m, pos + 2), pos + 4, len - 4u});
-    pos += align4(len);
+  const NlAttrs attrs(ReceivedBytes(m.data(), m.size()).slice(nl_align(static_cast<uint32_t>(from))));
+  for (const NlAttr& a : attrs)
+    out.push_back({a.type, static_cast<size_t>(a.payload.data() - m.data()), a.payload.size()});
+  const std::string at = " at " + std::to_string(from + attrs.walk_end_offset());
+  switch (attrs.walk_end()) {
+    case NlWalkEnd::kExact:
+      return "";
+    case NlWalkEnd::kUnpadded:
+      return "nlmsg_len is not the aligned end of the last attribute";
+    case NlWalkEnd::kCutShort:
+      return "attribute header cut short" + at;
+    case NlWalkEnd::kBadLength:
+      break;
   }
-  return pos == m.size() ? "" : "nlmsg_len is not the aligned end of the last attribute";
+  return "attribute length out of bounds" + at;
 }
 
 std::string check_algo(const Message& m, const Attr& a, size_t header) {
@@ -231,14 +247,7 @@ const Attr* find_attr(const std::vector<Attr>& attrs, uint16_t type) {
 // ---- Messages the kernel sends ---------------------------------------------
 
 Message nl_message(uint16_t type, uint16_t flags, uint32_t seq, uint32_t pid, const Message& payload) {
-  Message m(at::kHdr, 0);
-  put<uint32_t>(m, 0, static_cast<uint32_t>(at::kHdr + payload.size()));
-  put<uint16_t>(m, 4, type);
-  put<uint16_t>(m, 6, flags);
-  put<uint32_t>(m, 8, seq);
-  put<uint32_t>(m, 12, pid);
-  m.insert(m.end(), payload.begin(), payload.end());
-  return m;
+  return Built(type, flags, seq, pid, payload).take();
 }
 
 Message nl_error(uint32_t seq, uint32_t pid, int error) {
@@ -253,9 +262,9 @@ Message policy_event(uint16_t type, uint32_t pid, uint32_t index, uint8_t dir,
   put<uint16_t>(body, at::kSelFamily, 2);
   put<uint32_t>(body, at::kPolIndex, index);
   put<uint8_t>(body, at::kPolDir, dir);
-  if (reqid) append_attr(body, kAttrTmpl, template_for(*reqid));
-  append_attr(body, kAttrPolicyType, Message(6, 0));
-  return nl_message(type, 0, 0, pid, body);
+  Built event(type, 0, 0, pid, body);
+  if (reqid) event.attr(kAttrTmpl, template_for(*reqid));
+  return event.attr(kAttrPolicyType, Message(6, 0)).take();
 }
 
 Message acquire_event(std::optional<uint32_t> reqid) {
@@ -263,8 +272,9 @@ Message acquire_event(std::optional<uint32_t> reqid) {
   put<uint8_t>(body, at::kAcqProto, 50);
   put<uint16_t>(body, at::kAcqSel + at::kSelFamily, 2);
   put<uint8_t>(body, at::kAcqPolicy + at::kPolDir, 1);
-  if (reqid) append_attr(body, kAttrTmpl, template_for(*reqid));
-  return nl_message(kAcquire, 0, 0, 0, body);
+  Built event(kAcquire, 0, 0, 0, body);
+  if (reqid) event.attr(kAttrTmpl, template_for(*reqid));
+  return event.take();
 }
 
 std::string describe_policy(const Message& m) {
@@ -542,15 +552,16 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::serve_policy(uint16_t type, const Messag
     FakePolicy p{selector, dir, found != policies_.end() ? found->index : (next_index_ | dir), svti,
                  host_at<uint32_t>(request, find_attr(attrs, kAttrTmpl)->pos + at::kTmplReqid), request};
     put<uint32_t>(p.request, at::kHdr + at::kPolIndex, p.index);
-    Message payload = slice(p.request, at::kHdr, p.request.size() - at::kHdr);
-    append_attr(payload, kAttrPolicyType, Message(6, 0));
+    const Message event = Built(type, 0, seq, agent_pid_, slice(p.request, at::kHdr, p.request.size() - at::kHdr))
+                              .attr(kAttrPolicyType, Message(6, 0))
+                              .take();
     if (found != policies_.end()) {
       *found = p;
     } else {
       policies_.push_back(p);
       next_index_ += 8;
     }
-    return {{error_answer(request, 0, agent_pid_)}, {{kGroupPolicy, nl_message(type, 0, seq, agent_pid_, payload)}}};
+    return {{error_answer(request, 0, agent_pid_)}, {{kGroupPolicy, event}}};
   }
   if (found == policies_.end()) return {{error_answer(request, ENOENT, agent_pid_)}, {}};
   const Message payload = slice(found->request, at::kHdr, found->request.size() - at::kHdr);

@@ -279,7 +279,7 @@ TEST_F(AclModify, ReprogrammingUpdatesEveryAceAndTwinWithTheNegotiatedModeAndPro
 
   t.kernel.refuse_next(0);
   t.kernel.refuse_next(ENOENT);
-  EXPECT_EQ(kestrix_upd_policies(t.agent, &tunnel(), 0, kIpProtoEsp), 1);
+  EXPECT_EQ(kestrix_upd_policies(t.agent, &tunnel(), 0, kIpProtoEsp), -ENOENT);
   EXPECT_EQ(kernel_requests().size(), 2u);
 }
 
