@@ -13,7 +13,6 @@
 
 #include "netlink/nl_message.h"
 #include "support/wire_reader.h"
-#include "wire/xfrm_platform.h"
 
 namespace cpa::test {
 namespace {
@@ -99,21 +98,11 @@ struct Attr {
 // The attributes from `from` on, walked by the agent's core; the fake's
 // own offsets check what they hold.
 std::string walk_attrs(const Message& m, size_t from, std::vector<Attr>& out) {
-  const NlAttrs attrs(ReceivedBytes(m.data(), m.size()).slice(nl_align(static_cast<uint32_t>(from))));
+  const NlAttrs attrs(ReceivedBytes(m.data(), m.size()).slice(NLMSG_ALIGN(from)));
   for (const NlAttr& a : attrs)
     out.push_back({a.type, static_cast<size_t>(a.payload.data() - m.data()), a.payload.size()});
-  const std::string at = " at " + std::to_string(from + attrs.walk_end_offset());
-  switch (attrs.walk_end()) {
-    case NlWalkEnd::kExact:
-      return "";
-    case NlWalkEnd::kUnpadded:
-      return "nlmsg_len is not the aligned end of the last attribute";
-    case NlWalkEnd::kCutShort:
-      return "attribute header cut short" + at;
-    case NlWalkEnd::kBadLength:
-      break;
-  }
-  return "attribute length out of bounds" + at;
+  if (attrs.walk_end() == NlWalkEnd::kExact) return "";
+  return "attributes malformed (or unpadded) from byte " + std::to_string(from + attrs.walk_end_offset());
 }
 
 std::string check_algo(const Message& m, const Attr& a, size_t header) {
@@ -280,6 +269,10 @@ Message acquire_event(std::optional<uint32_t> reqid) {
 std::string describe_policy(const Message& m) {
   const uint16_t type = host_at<uint16_t>(m, 4);
   const bool add = type == kNewPolicy || type == kUpdPolicy;
+  std::vector<Attr> attrs;
+  walk_attrs(m, at::kHdr + (add ? at::kPolSize : at::kPolIdSize), attrs);
+  const Attr* svti = find_attr(attrs, kAttrSvti);
+  const Attr* tmpl = find_attr(attrs, kAttrTmpl);
   const size_t s = at::kHdr;  // the selector: addresses and ports in network order
   const auto addr = [&](size_t a) {
     return std::to_string(m[a]) + "." + std::to_string(m[a + 1]) + "." + std::to_string(m[a + 2]) + "." +
@@ -290,12 +283,11 @@ std::string describe_policy(const Message& m) {
                 m[s + (add ? at::kPolDir : at::kPolIdDir)], add ? "act" : "idx",
                 add ? m[s + at::kPolAction] : host_at<uint32_t>(m, s + at::kPolIdIndex), addr(s + 16).c_str(),
                 m[s + 43], be16_at(m, s + 36), addr(s).c_str(), m[s + 42], be16_at(m, s + 32), m[s + 44],
-                host_at<uint32_t>(m, s + (add ? at::kPolSize : at::kPolIdSize) + 4));
-  if (!add) return text;
-  const size_t tmpl = s + at::kPolSize + 12;
+                svti ? host_at<uint32_t>(m, svti->pos) : 0);
+  if (!add || !tmpl) return text;
   return text + (" idx" + std::to_string(host_at<uint32_t>(m, s + at::kPolIndex))) + " tmpl" +
-         std::to_string(m[tmpl + at::kTmplProto]) + "/m" + std::to_string(m[tmpl + at::kTmplMode]) + "/r" +
-         std::to_string(host_at<uint32_t>(m, tmpl + at::kTmplReqid));
+         std::to_string(m[tmpl->pos + at::kTmplProto]) + "/m" + std::to_string(m[tmpl->pos + at::kTmplMode]) +
+         "/r" + std::to_string(host_at<uint32_t>(m, tmpl->pos + at::kTmplReqid));
 }
 
 std::string describe_sa(const Message& m) {

@@ -13,6 +13,7 @@
 #include "fakes/fake_net_devices.h"
 #include "kernel/linux_sa_counters.h"
 #include "kernel/xfrm_sa.h"
+#include "netlink/nl_message.h"
 #include "support/wire_builder.h"
 #include "support/xfrm_fixtures.h"
 
@@ -21,20 +22,17 @@ namespace {
 
 using Message = std::vector<uint8_t>;
 
-Message attr(uint16_t type, const Message& payload) {
-  Bytes b;
-  b.h16(static_cast<uint16_t>(payload.size() + 4)).h16(type).append(payload);
-  return b.zeros((4 - payload.size() % 4) % 4);
-}
+using Attrs = std::initializer_list<std::pair<uint16_t, Message>>;
 
 // Header (sequence number 1), body, attributes.
 template <class Body>
-Message message(uint16_t type, const Body& body, std::initializer_list<Message> attrs) {
-  Bytes rest;
-  rest.host(body);
-  for (const Message& a : attrs) rest.append(a);
-  return Bytes().h32(static_cast<uint32_t>(16 + rest.size())).h16(type).h16(NLM_F_REQUEST | NLM_F_ACK)
-      .h32(1).h32(static_cast<uint32_t>(getpid())).append(rest);
+Message message(uint16_t type, const Body& body, Attrs attrs) {
+  net_buf buffer{};
+  NlMessage m(buffer);
+  m.put_header(type, NLM_F_REQUEST | NLM_F_ACK, static_cast<uint32_t>(getpid()), 1);
+  m.put_body(body);
+  for (const auto& [attr_type, payload] : attrs) m.put_attr(attr_type, payload.data(), payload.size());
+  return {m.bytes().begin(), m.bytes().end()};
 }
 
 template <class Algo>
@@ -82,8 +80,8 @@ TEST(LinuxXfrmMessages, AnSaIsTheKernelsOwnBodyWithTheInterfaceIdAndAlgorithms) 
   aes_sha1(record);
   EXPECT_EQ(first_request([&](NetlinkTransport& nl) { return kestrix_nlink_sa_add(nl, record, 7, 3, nullptr, 64); }),
             message(XFRM_MSG_NEWSA, sa,
-                    {attr(XFRMA_IF_ID, Bytes().h32(7)), attr(XFRMA_ALG_CRYPT, algo<::xfrm_algo>("cbc(aes)", 16, 0x10)),
-                     attr(XFRMA_ALG_AUTH, algo<::xfrm_algo>("hmac(sha1)", 20, 0x40))}));
+                    {{XFRMA_IF_ID, Bytes().h32(7)}, {XFRMA_ALG_CRYPT, algo<::xfrm_algo>("cbc(aes)", 16, 0x10)},
+                     {XFRMA_ALG_AUTH, algo<::xfrm_algo>("hmac(sha1)", 20, 0x40)}}));
 }
 
 TEST(LinuxSaCounters, ComeFromTheLifetimeAndStatsOfTheKernelsAnswer) {
@@ -94,7 +92,7 @@ TEST(LinuxSaCounters, ComeFromTheLifetimeAndStatsOfTheKernelsAnswer) {
   ::xfrm_lifetime_cur now{};
   now.bytes = 2500;
   now.packets = 25;
-  const Message answer = message(XFRM_MSG_NEWSA, sa, {attr(XFRMA_LTIME_VAL, Bytes().host(now))});
+  const Message answer = message(XFRM_MSG_NEWSA, sa, {{XFRMA_LTIME_VAL, Bytes().host(now)}});
   const auto c = linux_sa_counters_of(ReceivedBytes(answer.data(), answer.size()));
   ASSERT_TRUE(c);
   EXPECT_EQ(std::tuple(c->bytes, c->packets, c->replay_failures, c->integrity_failures),
