@@ -46,8 +46,8 @@ class NetlinkTransport {
   // is written here) and waits for the kernel's answer, left in `answer`.
   // Returns 0 when the kernel accepted the request (or answered a get with
   // the object), else a negative errno: the kernel's refusal, the socket's
-  // failure, or EBADMSG / EPROTO for an answer that is malformed or not the
-  // request's.
+  // failure (EBADF without a socket, EIO when it ends), or EBADMSG / EPROTO
+  // for an answer that is malformed or not the request's.
   int kestrix_nlink_send(uint8_t* buf, size_t len, uint8_t* answer, size_t recvsize);
 
   // Sends `request`, which must be complete (else -EMSGSIZE, nothing sent);
