@@ -58,8 +58,9 @@ uint16_t type_of(ReceivedBytes msg) { return msg.read_padded<nlmsghdr>(0)->nlmsg
 std::optional<uint32_t> tunnel_of_template(const NetlinkListenerContext& ctx, ReceivedBytes msg, size_t body_size,
                                            const char* no_tunnel) {
   // A template too short to hold its request id names no tunnel either.
-  const auto tmpl = nl_attrs_after(msg, body_size).find(XFRMA_TMPL, offsetof(xfrm_user_tmpl, reqid) + sizeof(uint32_t));
-  const auto reqid = tmpl ? tmpl->read<uint32_t>(offsetof(xfrm_user_tmpl, reqid)) : std::nullopt;
+  constexpr size_t kReqidAt = offsetof(xfrm_user_tmpl, reqid);
+  const auto tmpl = nl_attrs_after(msg, body_size).find(XFRMA_TMPL, kReqidAt + sizeof(uint32_t));
+  const auto reqid = tmpl ? tmpl->read<uint32_t>(kReqidAt) : std::nullopt;
   if (!reqid) {
     cpa_log(LOG_ERR, "ERROR: requested rta not found: %s", "XFRMA_TMPL");
     return std::nullopt;

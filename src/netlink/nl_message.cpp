@@ -10,6 +10,9 @@ namespace {
 constexpr size_t kAttrHeader = sizeof(rtattr);
 constexpr size_t align(size_t len) { return NLMSG_ALIGN(len); }
 
+// Where the attribute after `a`, found at `offset`, starts.
+size_t next_offset(size_t offset, const NlAttr& a) { return offset + align(kAttrHeader + a.payload.size()); }
+
 }  // namespace
 
 NlStatus NlMessage::put_header(uint16_t type, uint16_t flags, uint32_t pid, uint32_t seq) {
@@ -86,11 +89,13 @@ NlStatus NlMessage::no_room() {
 void NlMessage::set_length(size_t len) {
   len_ = len;
   const auto nlmsg_len = static_cast<uint32_t>(len);
-  if (len_ >= NLMSG_HDRLEN) std::memcpy(buf_.data() + offsetof(nlmsghdr, nlmsg_len), &nlmsg_len, sizeof nlmsg_len);
+  if (len_ >= NLMSG_HDRLEN)
+    std::memcpy(buf_.data() + offsetof(nlmsghdr, nlmsg_len), &nlmsg_len, sizeof nlmsg_len);
 }
 
 NlAttrs::Step NlAttrs::step(size_t offset) const {
-  if (offset >= bytes_.size()) return {std::nullopt, offset == bytes_.size() ? NlWalkEnd::kExact : NlWalkEnd::kUnpadded};
+  if (offset >= bytes_.size())
+    return {std::nullopt, offset == bytes_.size() ? NlWalkEnd::kExact : NlWalkEnd::kUnpadded};
   const auto header = bytes_.read<rtattr>(offset);
   if (!header) return {std::nullopt, NlWalkEnd::kCutShort};
   if (header->rta_len < kAttrHeader || !bytes_.holds(offset, header->rta_len))
@@ -105,14 +110,14 @@ void NlAttrs::Iterator::settle() {
 }
 
 NlAttrs::Iterator& NlAttrs::Iterator::operator++() {
-  offset_ += align(kAttrHeader + current_->payload.size());
+  offset_ = next_offset(offset_, *current_);
   settle();
   return *this;
 }
 
 size_t NlAttrs::walk_end_offset() const {
   size_t offset = 0;
-  for (Step s = step(0); s.attr; s = step(offset)) offset += align(kAttrHeader + s.attr->payload.size());
+  for (Step s = step(0); s.attr; s = step(offset)) offset = next_offset(offset, *s.attr);
   return offset;
 }
 
