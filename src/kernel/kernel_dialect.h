@@ -1,9 +1,10 @@
 // The XFRM messages of one kernel flavour. The platform kernel and a stock
 // kernel differ in the layout of their message bodies and in how an SA or a
 // policy is tied to its tunnel (the SVTI device's index, or the xfrm
-// interface id), so each flavour builds its own requests and reads its own
-// events. The entry points of xfrm_sa.h and
-// xfrm_policy.h count, log and send, whichever dialect built the request.
+// interface id), so each flavour builds its own requests (with the netlink
+// core, on the request's own buffer) and reads its own events. The entry
+// points of xfrm_sa.h and xfrm_policy.h count, log and send, whichever
+// dialect built the request.
 #pragma once
 
 #include <sys/socket.h>

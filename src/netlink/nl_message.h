@@ -94,7 +94,6 @@ class NlAttrs {
     NlAttr operator*() const { return *current_; }
     Iterator& operator++();
     bool operator==(const Iterator& other) const { return offset_ == other.offset_; }
-    size_t offset() const { return offset_; }  // of the current attribute
 
    private:
     void settle();
