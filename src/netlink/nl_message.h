@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <type_traits>
 
 #include "wire/received_bytes.h"
 
@@ -37,12 +38,14 @@ class NlMessage {
   NlStatus put_body(const void* body, size_t len);
   template <class T>
   NlStatus put_body(const T& body) {
+    static_assert(std::is_trivially_copyable_v<T> && !std::is_pointer_v<T>);
     return put_body(&body, sizeof body);
   }
 
   NlStatus put_attr(uint16_t type, const void* data, size_t len);
   template <class T>
   NlStatus put_attr(uint16_t type, const T& value) {
+    static_assert(std::is_trivially_copyable_v<T> && !std::is_pointer_v<T>);
     return put_attr(type, &value, sizeof value);
   }
   // A string attribute with its terminating zero.
