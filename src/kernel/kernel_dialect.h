@@ -1,9 +1,10 @@
 // The XFRM messages of one kernel flavour. The platform kernel and a stock
 // kernel differ in the layout of their message bodies and in how an SA or a
 // policy is tied to its tunnel (the SVTI device's index, or the xfrm
-// interface id), so each flavour builds its own requests in the transport's
-// buffer and reads its own events. The entry points of xfrm_sa.h and
-// xfrm_policy.h count, log and send, whichever dialect built the request.
+// interface id), so each flavour builds its own requests (with the netlink
+// core, on the request's own buffer) and reads its own events. The entry
+// points of xfrm_sa.h and xfrm_policy.h count, log and send, whichever
+// dialect built the request.
 #pragma once
 
 #include <sys/socket.h>
@@ -13,6 +14,8 @@
 #include <span>
 
 #include "kernel/netlink_transport.h"
+#include "netlink/nl_message.h"
+#include "platform/system_ports.h"
 #include "state/cipher_record.h"
 #include "state/tunnel_table.h"
 #include "wire/cp_dp_msg.h"
@@ -52,18 +55,38 @@ struct PolicyEventBody {
   size_t dir_at;
 };
 
+// An XFRM request being built, on a buffer of its own, with what a dialect
+// ties it to: the port id its header names and the devices it may refer to.
+struct XfrmRequest {
+  explicit XfrmRequest(const NetlinkTransport& nl) : port_id(nl.port_id()), devices(nl.devices()) {}
+  XfrmRequest(const XfrmRequest&) = delete;
+  XfrmRequest& operator=(const XfrmRequest&) = delete;
+
+  // Starts the message: a header asking for an acknowledgement, and the body.
+  template <class Body>
+  void begin(uint16_t type, uint32_t pid, const Body& body) {
+    msg.put_header(type, kNlmFlagsRequestAck, pid);
+    msg.put_body(body);
+  }
+
+  net_buf buffer{};
+  NlMessage msg{buffer};
+  const uint32_t port_id;
+  NetDeviceSysCalls& devices;
+};
+
 class KernelDialect {
  public:
   virtual ~KernelDialect() = default;
   // The add of one SA; false (nothing to send) when an algorithm code has
   // no kernel name.
-  virtual bool build_sa_add(NetlinkTransport& nl, const kestrix_ce_cipher_list_t& sa_info,
+  virtual bool build_sa_add(XfrmRequest& req, const kestrix_ce_cipher_list_t& sa_info,
                             uint32_t tunid, uint32_t reqid, int replay_window) const = 0;
-  virtual void build_sa_getordel(NetlinkTransport& nl, int del, const kestrix_addr& dst,
+  virtual void build_sa_getordel(XfrmRequest& req, int del, const kestrix_addr& dst,
                                  uint32_t spi, uint8_t proto) const = 0;
-  virtual void build_policy_add(NetlinkTransport& nl, uint32_t update,
+  virtual void build_policy_add(XfrmRequest& req, uint32_t update,
                                 const XfrmPolicyArgs& policy) const = 0;
-  virtual void build_policy_getordel(NetlinkTransport& nl, uint32_t del,
+  virtual void build_policy_getordel(XfrmRequest& req, uint32_t del,
                                      const XfrmPolicyArgs& policy, uint32_t index) const = 0;
   // The kernel index in a policy answer's body.
   virtual uint32_t policy_index(ReceivedBytes body) const = 0;

@@ -4,6 +4,7 @@
 #include <linux/xfrm.h>
 
 #include "kernel/kernel_dialect.h"
+#include "netlink/nl_message.h"
 
 namespace cpa {
 namespace {
@@ -23,27 +24,26 @@ std::optional<KernelSaCounters> linux_sa_counters_of(ReceivedBytes msg) {
   c.packets = sa->curlft.packets;
   c.replay_failures = sa->stats.replay;
   c.integrity_failures = sa->stats.integrity_failed;
-  const ReceivedBytes attrs = within.slice(kBodyAt + NLMSG_ALIGN(sizeof(::xfrm_usersa_info)));
+  const NlAttrs attrs = nl_attrs_after(msg, sizeof(::xfrm_usersa_info));
   // The attributes carry the same lifetime, and the sequence numbers.
-  if (const auto ltime = kestrix_rtattr_get(::XFRMA_LTIME_VAL, attrs))
-    if (const auto cur = ltime->read<::xfrm_lifetime_cur>(0)) {
-      c.bytes = cur->bytes;
-      c.packets = cur->packets;
-    }
-  if (const auto replay = kestrix_rtattr_get(::XFRMA_REPLAY_VAL, attrs))
-    if (const auto state = replay->read<::xfrm_replay_state>(0)) {
-      c.oseq = state->oseq;
-      c.seq = state->seq;
-    }
+  if (const auto cur = attrs.read<::xfrm_lifetime_cur>(::XFRMA_LTIME_VAL)) {
+    c.bytes = cur->bytes;
+    c.packets = cur->packets;
+  }
+  if (const auto state = attrs.read<::xfrm_replay_state>(::XFRMA_REPLAY_VAL)) {
+    c.oseq = state->oseq;
+    c.seq = state->seq;
+  }
   return c;
 }
 
 std::optional<KernelSaCounters> kestrix_linux_sa_counters(NetlinkTransport& nl,
                                                           const kestrix_addr& dst, uint32_t spi,
                                                           uint8_t proto) {
-  linux_dialect().build_sa_getordel(nl, 0, dst, spi, proto);
+  XfrmRequest request(nl);
+  linux_dialect().build_sa_getordel(request, 0, dst, spi, proto);
   net_buf answer;
-  if (nl.send_req(answer) != 0) return std::nullopt;
+  if (nl.send(request.msg, answer) != 0) return std::nullopt;
   return linux_sa_counters_of(ReceivedBytes(answer.data(), answer.size()));
 }
 

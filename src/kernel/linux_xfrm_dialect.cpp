@@ -31,8 +31,8 @@ static_assert(offsetof(::xfrm_user_tmpl, reqid) == offsetof(xfrm_user_tmpl, reqi
   return tmpl;
 }
 
-void append_if_id(NetlinkTransport& nl, uint32_t tunnelid) {
-  nl.append_attr(::XFRMA_IF_ID, &tunnelid, sizeof tunnelid);
+void append_if_id(XfrmRequest& req, uint32_t tunnelid) {
+  req.msg.put_attr(::XFRMA_IF_ID, tunnelid);
 }
 
 template <class Body>
@@ -75,51 +75,49 @@ xfrm_user_acquire_64 platform_acquire(const ::xfrm_user_acquire& in) {
 
 class LinuxDialect final : public KernelDialect {
  public:
-  bool build_sa_add(NetlinkTransport& nl, const kestrix_ce_cipher_list_t& sa_info, uint32_t tunid,
+  bool build_sa_add(XfrmRequest& req, const kestrix_ce_cipher_list_t& sa_info, uint32_t tunid,
                     uint32_t reqid, int replay_window) const override {
     ::xfrm_usersa_info sa{};
     fill_sa_info(sa, sa_info, reqid, replay_window);
-    nl.begin_request(::XFRM_MSG_NEWSA, nl.port_id(), &sa, sizeof sa);
-    append_if_id(nl, tunid);
-    return append_algorithms<::xfrm_algo, ::xfrm_algo_aead>(nl, sa_info, ::XFRMA_ALG_AUTH,
+    req.begin(::XFRM_MSG_NEWSA, req.port_id, sa);
+    append_if_id(req, tunid);
+    return append_algorithms<::xfrm_algo, ::xfrm_algo_aead>(req.msg, sa_info, ::XFRMA_ALG_AUTH,
                                                             ::XFRMA_ALG_CRYPT, ::XFRMA_ALG_AEAD);
   }
 
-  void build_sa_getordel(NetlinkTransport& nl, int del, const kestrix_addr& dst, uint32_t spi,
+  void build_sa_getordel(XfrmRequest& req, int del, const kestrix_addr& dst, uint32_t spi,
                          uint8_t proto) const override {
     ::xfrm_usersa_id id{};
     id.daddr.a4 = htonl(dst.ip_address);
     id.spi = htonl(spi);
     id.family = AF_INET;
     id.proto = proto;
-    nl.begin_request(del ? ::XFRM_MSG_DELSA : ::XFRM_MSG_GETSA, nl.port_id(), &id, sizeof id);
+    req.begin(del ? ::XFRM_MSG_DELSA : ::XFRM_MSG_GETSA, req.port_id, id);
   }
 
-  void build_policy_add(NetlinkTransport& nl, uint32_t update,
+  void build_policy_add(XfrmRequest& req, uint32_t update,
                         const XfrmPolicyArgs& policy) const override {
     ::xfrm_userpolicy_info info{};
     info.sel = selector(policy);
     set_unlimited(info.lft);
     info.dir = policy.dir;
     info.action = policy.action;
-    nl.begin_request(update ? ::XFRM_MSG_UPDPOLICY : ::XFRM_MSG_NEWPOLICY, nl.port_id(), &info,
-                     sizeof info);
-    append_if_id(nl, policy.tunnelid);
+    req.begin(update ? ::XFRM_MSG_UPDPOLICY : ::XFRM_MSG_NEWPOLICY, req.port_id, info);
+    append_if_id(req, policy.tunnelid);
     const ::xfrm_user_tmpl tmpl = policy_template(policy);
-    nl.append_attr(::XFRMA_TMPL, &tmpl, sizeof tmpl);
+    req.msg.put_attr(::XFRMA_TMPL, tmpl);
   }
 
   // With index 0 the kernel finds the policy by selector, direction and
   // interface id: exactly the one the agent installed.
-  void build_policy_getordel(NetlinkTransport& nl, uint32_t del, const XfrmPolicyArgs& policy,
+  void build_policy_getordel(XfrmRequest& req, uint32_t del, const XfrmPolicyArgs& policy,
                              uint32_t index) const override {
     ::xfrm_userpolicy_id id{};
     id.sel = selector(policy);
     id.index = index;
     id.dir = policy.dir;
-    nl.begin_request(del ? ::XFRM_MSG_DELPOLICY : ::XFRM_MSG_GETPOLICY, nl.port_id(), &id,
-                     sizeof id);
-    append_if_id(nl, policy.tunnelid);
+    req.begin(del ? ::XFRM_MSG_DELPOLICY : ::XFRM_MSG_GETPOLICY, req.port_id, id);
+    append_if_id(req, policy.tunnelid);
   }
 
   uint32_t policy_index(ReceivedBytes body) const override {

@@ -9,6 +9,7 @@
 #include "base/log.h"
 #include "kernel/kernel_dialect.h"
 #include "kernel/netlink_transport.h"
+#include "netlink/nl_message.h"
 #include "wire/xfrm_platform.h"
 
 namespace cpa {
@@ -56,9 +57,10 @@ uint16_t type_of(ReceivedBytes msg) { return msg.read_padded<nlmsghdr>(0)->nlmsg
 // behind a body of `body_size` bytes; nothing (logged) when there is none.
 std::optional<uint32_t> tunnel_of_template(const NetlinkListenerContext& ctx, ReceivedBytes msg, size_t body_size,
                                            const char* no_tunnel) {
-  const auto tmpl = kestrix_rtattr_get(XFRMA_TMPL, msg.slice(kHeaderSize + body_size));
   // A template too short to hold its request id names no tunnel either.
-  const auto reqid = tmpl ? tmpl->read<uint32_t>(offsetof(xfrm_user_tmpl, reqid)) : std::nullopt;
+  constexpr size_t kReqidAt = offsetof(xfrm_user_tmpl, reqid);
+  const auto tmpl = nl_attrs_after(msg, body_size).find(XFRMA_TMPL, kReqidAt + sizeof(uint32_t));
+  const auto reqid = tmpl ? tmpl->read<uint32_t>(kReqidAt) : std::nullopt;
   if (!reqid) {
     cpa_log(LOG_ERR, "ERROR: requested rta not found: %s", "XFRMA_TMPL");
     return std::nullopt;

@@ -1,14 +1,10 @@
 #include "kernel/netlink_transport.h"
 
 #include <linux/netlink.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "base/log.h"
@@ -41,25 +37,27 @@ int NetlinkTransport::kestrix_nlink_send(uint8_t* buf, size_t len, uint8_t* answ
   std::memcpy(buf + offsetof(nlmsghdr, nlmsg_seq), &seq, sizeof seq);
   if (!nlsock_fd_.valid()) {
     cpa_log(LOG_ERR, "Cannot send, N/L socket fd is invalid!");
-    return 1;
+    return -EBADF;
   }
-  if (!send_request(buf, len)) return 1;
+  if (const int error = send_request(buf, len)) return error;
   for (;;) {
     const ssize_t n = receive_answer(answer, recvsize);
-    if (n < 0) return 1;
+    if (n < 0) return static_cast<int>(n);
     const ReceivedBytes got(answer, static_cast<size_t>(n));
     switch (check_answer(got, seq)) {
       case Answer::kLate:
         continue;  // an answer to an earlier request that gave up waiting
-      case Answer::kRefused:
-        return 1;
+      case Answer::kMalformed:
+        return -EBADMSG;
+      case Answer::kForeign:
+        return -EPROTO;
       case Answer::kMine:
         return answer_status(got);
     }
   }
 }
 
-bool NetlinkTransport::send_request(const uint8_t* buf, size_t len) {
+int NetlinkTransport::send_request(const uint8_t* buf, size_t len) {
   sockaddr_nl kernel{};
   kernel.nl_family = AF_NETLINK;
   const ssize_t sent = sendto(nlsock_fd_.get(), buf, len, MSG_NOSIGNAL,
@@ -67,15 +65,16 @@ bool NetlinkTransport::send_request(const uint8_t* buf, size_t len) {
   if (sent <= 0) {
     const int err = errno;
     cpa_log(LOG_ERR, "netlink send error %s (%d)\n", std::strerror(err), err);
-    return false;
+    return err ? -err : -EIO;
   }
   const uint32_t nlmsg_len = message_length(buf);
   cpa_log(LOG_DEBUG, "*** SENT sendlen [%d], nlmsg_len [%d],NLMSG_OK? [%d]\n", static_cast<int>(sent),
           static_cast<int>(nlmsg_len), header_fits(nlmsg_len, static_cast<size_t>(sent)) ? 1 : 0);
-  return true;
+  return 0;
 }
 
-// Blocks until a datagram arrives; only a signal makes it try again.
+// Blocks until a datagram arrives; only a signal makes it try again. A
+// failure is a negative errno (EIO for the end of the stream).
 ssize_t NetlinkTransport::receive_answer(uint8_t* answer, size_t recvsize) {
   for (;;) {
     errno = 0;  // an end of file sets none
@@ -84,7 +83,7 @@ ssize_t NetlinkTransport::receive_answer(uint8_t* answer, size_t recvsize) {
     const int err = errno;
     cpa_log(LOG_ERR, "netlink receive error %s (%d)\n", std::strerror(err), err);
     if (n < 0 && err == EINTR) continue;
-    return -1;
+    return err ? -err : -EIO;
   }
 }
 
@@ -95,13 +94,13 @@ NetlinkTransport::Answer NetlinkTransport::check_answer(ReceivedBytes got, uint3
           static_cast<int>(got.size()), static_cast<int>(nh.nlmsg_len), ok ? 1 : 0);
   if (!ok) {
     cpa_log(LOG_ERR, "ERROR: NLMSG_OK failed!");
-    return Answer::kRefused;
+    return Answer::kMalformed;
   }
   if (nh.nlmsg_seq < seq) return Answer::kLate;
   if (nh.nlmsg_seq > seq || nh.nlmsg_pid != port_id_) {
     cpa_log(LOG_ERR, "ERROR: (nh->nlmsg_seq[%d] > seq[%d]!)or (nh->nlmsg_pid != getpid())",
             static_cast<int>(nh.nlmsg_seq), static_cast<int>(seq));
-    return Answer::kRefused;
+    return Answer::kForeign;
   }
   return Answer::kMine;
 }
@@ -114,37 +113,24 @@ int NetlinkTransport::answer_status(ReceivedBytes got) {
   const auto error = got.slice(0, nh.nlmsg_len).read<int32_t>(offsetof(nlmsgerr, error) + kHeaderSize);
   if (!error) {
     cpa_log(LOG_ERR, "ERROR: NLMSG_OK failed!");
-    return 1;
+    return -EBADMSG;
   }
   const int err = -*error;
   if (err == 0) {
     cpa_log(LOG_DEBUG, "NETLINK SEND SUCCESS");
-    errno = 0;
     return 0;
   }
   cpa_log(LOG_ERR, "RTNETLINK answers: %s (%d)\n", std::strerror(err), err);
-  errno = err;  // after logging, which may itself touch errno
-  return 1;
+  return -err;
 }
 
-void NetlinkTransport::begin_request(uint16_t type, uint32_t pid, const void* body, size_t body_len) {
-  req_.fill(0);
-  nlmsghdr header{};
-  header.nlmsg_len = static_cast<uint32_t>(kHeaderSize + body_len);
-  header.nlmsg_type = type;
-  header.nlmsg_flags = kNlmFlagsRequestAck;
-  header.nlmsg_pid = pid;
-  std::memcpy(req_.data(), &header, sizeof header);
-  std::memcpy(req_.data() + kHeaderSize, body, body_len);
-}
-
-int NetlinkTransport::append_attr(uint16_t atype, const void* data, size_t len) {
-  return add_nl_attr(req_.data(), atype, req_.size(), data, len);
-}
-
-int NetlinkTransport::send_req(net_buf& answer) {
+int NetlinkTransport::send(NlMessage& request, net_buf& answer) {
+  if (!request.complete()) {
+    cpa_log(LOG_ERR, "ERROR: Invalid attr len!");
+    return -EMSGSIZE;
+  }
   answer.fill(0);
-  return kestrix_nlink_send(req_.data(), message_length(req_.data()), answer.data(), answer.size());
+  return kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size());
 }
 
 void count_outcome(cpa_netlink_ctr_t* ctr, int result) {
@@ -153,43 +139,6 @@ void count_outcome(cpa_netlink_ctr_t* ctr, int result) {
     ctr->resp_ok++;
   else
     ctr->resp_err++;
-}
-
-unsigned NetlinkTransport::get_svtiindex(uint32_t tunnelid) {
-  char name[128] = {};
-  std::snprintf(name, sizeof name - 1, "svti%d", static_cast<int>(tunnelid));
-  // What if_nametoindex does, through the device seam.
-  SysCallFd s(devices_, devices_.socket(AF_INET, SOCK_DGRAM, 0));
-  if (!s.valid()) return 0;
-  ifreq ifr{};
-  std::memcpy(ifr.ifr_name, name, std::min(std::strlen(name), sizeof ifr.ifr_name - 1));
-  return devices_.ioctl(s.get(), SIOCGIFINDEX, &ifr).rc < 0 ? 0 : static_cast<unsigned>(ifr.ifr_ifindex);
-}
-
-int add_nl_attr(uint8_t* nlh, uint16_t atype, size_t buflen, const void* attrdata, size_t alen) {
-  const size_t start = nl_align(message_length(nlh));
-  const size_t rta_len = alen + sizeof(rtattr);
-  if (start + nl_align(static_cast<uint32_t>(rta_len)) > buflen || rta_len > UINT16_MAX) {
-    cpa_log(LOG_ERR, "ERROR: Invalid attr len!");
-    return 1;
-  }
-  const rtattr header{static_cast<uint16_t>(rta_len), atype};
-  std::memcpy(nlh + start, &header, sizeof header);
-  if (alen) std::memcpy(nlh + start + sizeof header, attrdata, alen);
-  const uint32_t new_len = static_cast<uint32_t>(start + nl_align(static_cast<uint32_t>(rta_len)));
-  std::memcpy(nlh + offsetof(nlmsghdr, nlmsg_len), &new_len, sizeof new_len);
-  return 0;
-}
-
-std::optional<ReceivedBytes> kestrix_rtattr_get(uint16_t rta_type, ReceivedBytes attrs) {
-  size_t offset = 0;
-  for (;;) {
-    const auto rta = attrs.read<rtattr>(offset);
-    if (!rta || rta->rta_len < sizeof(rtattr) || !attrs.holds(offset, rta->rta_len)) return std::nullopt;
-    if (rta->rta_type == rta_type)
-      return attrs.slice(offset + sizeof(rtattr), rta->rta_len - sizeof(rtattr));
-    offset += nl_align(rta->rta_len);
-  }
 }
 
 }  // namespace cpa

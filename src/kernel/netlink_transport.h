@@ -1,6 +1,6 @@
 // The request side of NETLINK_XFRM: the request socket, the sequence numbers,
-// the one request buffer that every message builder fills in turn, the
-// synchronous request/answer exchange, and the attribute helpers.
+// and the synchronous request/answer exchange. Requests are built with the
+// netlink core on the sender's buffer.
 #pragma once
 
 #include <sys/types.h>
@@ -8,9 +8,9 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 
 #include "base/counters.h"
+#include "netlink/nl_message.h"
 #include "platform/scoped_fd.h"
 #include "platform/system_ports.h"
 #include "wire/received_bytes.h"
@@ -37,33 +37,29 @@ class NetlinkTransport {
   // The message bodies of the kernel the requests are built for.
   const KernelDialect& dialect() const { return dialect_; }
 
-  // The one request buffer; each builder clears and fills it.
-  net_buf& req() { return req_; }
   // The number the next request will carry.
   uint32_t g_seq() const { return g_seq_; }
   // The port id the kernel gives the request socket: the process id.
   uint32_t port_id() const { return port_id_; }
+  // The devices the requests' SAs and policies are tied to.
+  NetDeviceSysCalls& devices() const { return devices_; }
 
   // Sends the request in `buf` (a whole message, header first; `nlmsg_seq`
-  // is written here) and waits for the kernel's answer, left in `answer`. Returns 0 when
-  // the kernel accepted the request (or answered a get with the object), 1
-  // otherwise; a refusal leaves the kernel's error number in errno.
+  // is written here) and waits for the kernel's answer, left in `answer`.
+  // Returns 0 when the kernel accepted the request (or answered a get with
+  // the object), else a negative errno: the kernel's refusal, the socket's
+  // failure (EBADF without a socket, EIO when it ends), or EBADMSG / EPROTO
+  // for an answer that is malformed or not the request's.
   int kestrix_nlink_send(uint8_t* buf, size_t len, uint8_t* answer, size_t recvsize);
 
-  // Clears the request buffer and starts a request: header and fixed body.
-  void begin_request(uint16_t type, uint32_t pid, const void* body, size_t body_len);
-  // Appends an attribute to the request in the buffer (see add_nl_attr).
-  int append_attr(uint16_t atype, const void* data, size_t len);
-  // Sends the request in the buffer; the kernel's answer is left in `answer`.
-  int send_req(net_buf& answer);
-
-  // The interface index of tunnel `tunnelid`'s SVTI device; 0 when there is none.
-  unsigned get_svtiindex(uint32_t tunnelid);
+  // Sends `request`, which must be complete (else -EMSGSIZE, nothing sent);
+  // the kernel's answer is left in `answer`.
+  int send(NlMessage& request, net_buf& answer);
 
  private:
-  bool send_request(const uint8_t* buf, size_t len);
+  int send_request(const uint8_t* buf, size_t len);
   ssize_t receive_answer(uint8_t* answer, size_t recvsize);
-  enum class Answer { kLate, kMine, kRefused };
+  enum class Answer { kLate, kMine, kMalformed, kForeign };
   Answer check_answer(ReceivedBytes got, uint32_t seq);
   int answer_status(ReceivedBytes got);
 
@@ -72,19 +68,9 @@ class NetlinkTransport {
   ScopedFd nlsock_fd_;
   uint32_t g_seq_ = 1;
   uint32_t port_id_;
-  net_buf req_{};
 };
 
 // Counts a request's outcome in `ctr` (0: accepted), when there is a triple.
 void count_outcome(cpa_netlink_ctr_t* ctr, int result);
-
-// Appends attribute `atype` with the `alen` bytes at `attrdata` to the
-// message at `nlh` (a buffer of `buflen` bytes), at the 4-byte-aligned end of
-// the message. Returns 0, or 1 (message unchanged) when it would not fit.
-int add_nl_attr(uint8_t* nlh, uint16_t atype, size_t buflen, const void* attrdata, size_t alen);
-
-// The payload of the first attribute of type `rta_type` among the attributes
-// in `attrs`; nothing when the walk ends (or meets a malformed length) first.
-std::optional<ReceivedBytes> kestrix_rtattr_get(uint16_t rta_type, ReceivedBytes attrs);
 
 }  // namespace cpa

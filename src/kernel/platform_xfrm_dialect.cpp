@@ -6,6 +6,7 @@
 #include "kernel/kernel_dialect.h"
 #include "kernel/xfrm_algo_attrs.h"
 #include "kernel/xfrm_body_fields.h"
+#include "platform/tunnel_devices.h"
 
 namespace cpa {
 namespace {
@@ -35,53 +36,52 @@ xfrm_selector selector(const XfrmPolicyArgs& p) {
 
 class PlatformDialect final : public KernelDialect {
  public:
-  bool build_sa_add(NetlinkTransport& nl, const kestrix_ce_cipher_list_t& sa_info, uint32_t tunid,
+  bool build_sa_add(XfrmRequest& req, const kestrix_ce_cipher_list_t& sa_info, uint32_t tunid,
                     uint32_t reqid, int replay_window) const override {
     xfrm_usersa_info_64 sa{};
     fill_sa_info(sa, sa_info, reqid, replay_window);
-    nl.begin_request(XFRM_MSG_NEWSA, nl.port_id(), &sa, sizeof sa);
-    const uint32_t svti = nl.get_svtiindex(tunid);
+    req.begin(XFRM_MSG_NEWSA, req.port_id, sa);
+    const uint32_t svti = svti_ifindex(req.devices, tunid);
     cpa_log(LOG_DEBUG, "svti %d tunid %d", svti, tunid);
-    nl.append_attr(XFRMA_SVTI_IFINDEX, &svti, sizeof svti);
-    return append_algorithms<xfrm_algo, xfrm_algo_aead>(nl, sa_info, XFRMA_ALG_AUTH,
+    req.msg.put_attr(XFRMA_SVTI_IFINDEX, svti);
+    return append_algorithms<xfrm_algo, xfrm_algo_aead>(req.msg, sa_info, XFRMA_ALG_AUTH,
                                                         XFRMA_ALG_CRYPT, XFRMA_ALG_AEAD);
   }
 
-  void build_sa_getordel(NetlinkTransport& nl, int del, const kestrix_addr& dst, uint32_t spi,
+  void build_sa_getordel(XfrmRequest& req, int del, const kestrix_addr& dst, uint32_t spi,
                          uint8_t proto) const override {
     xfrm_usersa_id_saddr body{};
     body.id.daddr.a4 = htonl(dst.ip_address);
     body.id.spi = htonl(spi);
     body.id.family = AF_INET;
     body.id.proto = proto;
-    nl.begin_request(del ? XFRM_MSG_DELSA : XFRM_MSG_GETSA, nl.port_id(), &body, sizeof body);
+    req.begin(del ? XFRM_MSG_DELSA : XFRM_MSG_GETSA, req.port_id, body);
   }
 
-  void build_policy_add(NetlinkTransport& nl, uint32_t update,
+  void build_policy_add(XfrmRequest& req, uint32_t update,
                         const XfrmPolicyArgs& policy) const override {
     xfrm_userpolicy_info_64 info{};
     info.sel = selector(policy);
     set_unlimited(info.lft);
     info.dir = policy.dir;
     info.action = policy.action;
-    nl.begin_request(update ? XFRM_MSG_UPDPOLICY : XFRM_MSG_NEWPOLICY, nl.port_id(), &info,
-                     sizeof info);
-    const uint32_t svti = nl.get_svtiindex(policy.tunnelid);
+    req.begin(update ? XFRM_MSG_UPDPOLICY : XFRM_MSG_NEWPOLICY, req.port_id, info);
+    const uint32_t svti = svti_ifindex(req.devices, policy.tunnelid);
     cpa_log(LOG_DEBUG, "*** tunnelid %d n_tunnelid %d\n", policy.tunnelid, svti);
-    nl.append_attr(XFRMA_SVTI_IFINDEX, &svti, sizeof svti);
+    req.msg.put_attr(XFRMA_SVTI_IFINDEX, svti);
     const xfrm_user_tmpl tmpl = policy_template(policy);
-    nl.append_attr(XFRMA_TMPL, &tmpl, sizeof tmpl);
+    req.msg.put_attr(XFRMA_TMPL, tmpl);
   }
 
-  void build_policy_getordel(NetlinkTransport& nl, uint32_t del, const XfrmPolicyArgs& policy,
+  void build_policy_getordel(XfrmRequest& req, uint32_t del, const XfrmPolicyArgs& policy,
                              uint32_t index) const override {
     xfrm_userpolicy_id id{};
     id.sel = selector(policy);
     id.index = index;
     id.dir = policy.dir;
-    nl.begin_request(del ? XFRM_MSG_DELPOLICY : XFRM_MSG_GETPOLICY, 0, &id, sizeof id);
-    const uint32_t svti = nl.get_svtiindex(policy.tunnelid);
-    nl.append_attr(XFRMA_SVTI_IFINDEX, &svti, sizeof svti);
+    req.begin(del ? XFRM_MSG_DELPOLICY : XFRM_MSG_GETPOLICY, 0, id);
+    const uint32_t svti = svti_ifindex(req.devices, policy.tunnelid);
+    req.msg.put_attr(XFRMA_SVTI_IFINDEX, svti);
   }
 
   uint32_t policy_index(ReceivedBytes body) const override {

@@ -18,9 +18,10 @@ void log_policy_from_kernel(const KernelDialect& dialect, const net_buf& answer)
 int kestrix_nlink_policy_add(NetlinkTransport& nl, uint32_t update, const XfrmPolicyArgs& policy,
                              cpa_netlink_ctr_t* stat_ctr) {
   if (stat_ctr) stat_ctr->req++;
-  dialect_of(nl).build_policy_add(nl, update, policy);
+  XfrmRequest request(nl);
+  dialect_of(nl).build_policy_add(request, update, policy);
   net_buf answer;
-  const int rc = nl.send_req(answer);
+  const int rc = nl.send(request.msg, answer);
   count_outcome(stat_ctr, rc);
   cpa_log(LOG_DEBUG, "%s: netlink policy create status", rc == 0 ? "SUCCESS" : "FAIL");
   return rc;
@@ -31,9 +32,10 @@ int kestrix_nlink_policy_getordel(NetlinkTransport& nl, uint32_t del, const Xfrm
   cpa_netlink_ctr_t* counted = del == 1 ? stat_ctr : nullptr;  // gets and other codes are not counted
   if (counted) counted->req++;
   const KernelDialect& dialect = dialect_of(nl);
-  dialect.build_policy_getordel(nl, del, policy, index);
+  XfrmRequest request(nl);
+  dialect.build_policy_getordel(request, del, policy, index);
   net_buf answer;
-  const int rc = nl.send_req(answer);
+  const int rc = nl.send(request.msg, answer);
   if (rc == 0 && !del) log_policy_from_kernel(dialect, answer);
   count_outcome(counted, rc);
   return rc;

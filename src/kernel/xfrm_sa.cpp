@@ -1,5 +1,7 @@
 #include "kernel/xfrm_sa.h"
 
+#include <cerrno>
+
 #include "base/log.h"
 #include "kernel/kernel_dialect.h"
 
@@ -9,13 +11,14 @@ int kestrix_nlink_sa_add(NetlinkTransport& nl, const kestrix_ce_cipher_list_t& s
                          uint32_t tunid, uint32_t reqid, cpa_netlink_ctr_t* sctr,
                          int g_replay_window_size) {
   if (sctr) sctr->req++;
-  if (!dialect_of(nl).build_sa_add(nl, sa_info, tunid, reqid, g_replay_window_size)) {
+  XfrmRequest request(nl);
+  if (!dialect_of(nl).build_sa_add(request, sa_info, tunid, reqid, g_replay_window_size)) {
     cpa_log(LOG_ERR, "Invalid algo..");
-    count_outcome(sctr, 1);
-    return 1;
+    count_outcome(sctr, -EINVAL);
+    return -EINVAL;
   }
   net_buf answer;
-  const int rc = nl.send_req(answer);
+  const int rc = nl.send(request.msg, answer);
   cpa_log(LOG_DEBUG, "%s: netlink SA create status", rc == 0 ? "SUCCESS" : "FAIL");
   count_outcome(sctr, rc);
   return rc;
@@ -25,9 +28,10 @@ int kestrix_nlink_sa_getordel(NetlinkTransport& nl, int del, const kestrix_addr&
                               uint8_t proto, cpa_netlink_ctr_t* sctr) {
   cpa_netlink_ctr_t* counted = del ? sctr : nullptr;  // a get is never counted
   if (counted) counted->req++;
-  dialect_of(nl).build_sa_getordel(nl, del, dst, spi, proto);
+  XfrmRequest request(nl);
+  dialect_of(nl).build_sa_getordel(request, del, dst, spi, proto);
   net_buf answer;
-  const int rc = nl.send_req(answer);
+  const int rc = nl.send(request.msg, answer);
   count_outcome(counted, rc);
   return rc;
 }

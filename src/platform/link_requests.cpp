@@ -5,80 +5,56 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <cstddef>
-#include <cstring>
-#include <utility>
+
+#include "netlink/nl_message.h"
 
 namespace cpa {
 namespace {
 
 constexpr char kXfrmInterfaceKind[] = "xfrm";
+// Room for a name, a kind and an interface id, nested.
+constexpr size_t kLinkRequestRoom = 256;
 
-// A link message being built: header, ifinfomsg, then attributes, each at
-// the 4-byte-aligned end, nests closed once their content is in.
-class LinkMessage {
- public:
-  LinkMessage(uint16_t type, uint16_t flags) : bytes_(NLMSG_LENGTH(sizeof(ifinfomsg))) {
-    nlmsghdr header{};
-    header.nlmsg_type = type;
-    header.nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | NLM_F_ACK | flags);
-    header.nlmsg_seq = 1;
-    std::memcpy(bytes_.data(), &header, sizeof header);
-    ifinfomsg info{};
-    info.ifi_family = AF_UNSPEC;
-    std::memcpy(bytes_.data() + NLMSG_HDRLEN, &info, sizeof info);
-  }
+using LinkBuffer = std::array<uint8_t, kLinkRequestRoom>;
 
-  void put(uint16_t type, const void* data, size_t len) {
-    const size_t at = begin_nest(type);
-    bytes_.resize(at + RTA_LENGTH(len));
-    std::memcpy(bytes_.data() + at + RTA_LENGTH(0), data, len);
-    end_nest(at);
-  }
-  void put_string(uint16_t type, const char* text) { put(type, text, std::strlen(text) + 1); }
+// Starts a link request: header and an ifinfomsg for any family.
+void begin_link(NlMessage& msg, uint16_t type, uint16_t flags) {
+  msg.put_header(type, static_cast<uint16_t>(NLM_F_REQUEST | NLM_F_ACK | flags), 0, 1);
+  ifinfomsg info{};
+  info.ifi_family = AF_UNSPEC;
+  msg.put_body(info);
+}
 
-  size_t begin_nest(uint16_t type) {
-    bytes_.resize(NLMSG_ALIGN(bytes_.size()));
-    const size_t at = bytes_.size();
-    const rtattr header{static_cast<uint16_t>(RTA_LENGTH(0)), type};
-    bytes_.resize(at + sizeof header);
-    std::memcpy(bytes_.data() + at, &header, sizeof header);
-    return at;
-  }
-  void end_nest(size_t at) {
-    const auto rta_len = static_cast<uint16_t>(bytes_.size() - at);
-    std::memcpy(bytes_.data() + at + offsetof(rtattr, rta_len), &rta_len, sizeof rta_len);
-  }
-
-  std::vector<uint8_t> take() {
-    bytes_.resize(NLMSG_ALIGN(bytes_.size()));
-    const auto len = static_cast<uint32_t>(bytes_.size());
-    std::memcpy(bytes_.data() + offsetof(nlmsghdr, nlmsg_len), &len, sizeof len);
-    return std::move(bytes_);
-  }
-
- private:
-  std::vector<uint8_t> bytes_;
-};
+// The whole message, or nothing when a part of it did not fit.
+std::vector<uint8_t> finished(const NlMessage& msg) {
+  if (!msg.complete()) return {};
+  return {msg.bytes().begin(), msg.bytes().end()};
+}
 
 }  // namespace
 
 std::vector<uint8_t> new_xfrm_interface_request(const char* ifname, uint32_t if_id) {
-  LinkMessage msg(RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL);
-  msg.put_string(IFLA_IFNAME, ifname);
-  const size_t linkinfo = msg.begin_nest(IFLA_LINKINFO);
-  msg.put_string(IFLA_INFO_KIND, kXfrmInterfaceKind);
-  const size_t data = msg.begin_nest(IFLA_INFO_DATA);
-  msg.put(IFLA_XFRM_IF_ID, &if_id, sizeof if_id);
-  msg.end_nest(data);
-  msg.end_nest(linkinfo);
-  return msg.take();
+  LinkBuffer buffer{};
+  NlMessage msg(buffer);
+  begin_link(msg, RTM_NEWLINK, NLM_F_CREATE | NLM_F_EXCL);
+  msg.put_attr_strz(IFLA_IFNAME, ifname);
+  const NlNest linkinfo = msg.nest_start(IFLA_LINKINFO);
+  msg.put_attr_strz(IFLA_INFO_KIND, kXfrmInterfaceKind);
+  const NlNest data = msg.nest_start(IFLA_INFO_DATA);
+  msg.put_attr(IFLA_XFRM_IF_ID, if_id);
+  msg.nest_end(data);
+  msg.nest_end(linkinfo);
+  return finished(msg);
 }
 
 std::vector<uint8_t> delete_link_request(const char* ifname) {
-  LinkMessage msg(RTM_DELLINK, 0);
-  msg.put_string(IFLA_IFNAME, ifname);
-  return msg.take();
+  LinkBuffer buffer{};
+  NlMessage msg(buffer);
+  begin_link(msg, RTM_DELLINK, 0);
+  msg.put_attr_strz(IFLA_IFNAME, ifname);
+  return finished(msg);
 }
 
 }  // namespace cpa

@@ -1,6 +1,7 @@
 // rtnetlink link requests for the tunnels' devices on a stock kernel: an
 // xfrm interface of a name and interface id, and the removal of a link by
-// name. Whole messages, header first, ready for route_request().
+// name. Whole messages, header first, ready for route_request(); empty
+// when a name is too long for the request.
 #pragma once
 
 #include <cstdint>

@@ -233,4 +233,14 @@ int setifflags(NetDeviceSysCalls& sys, int s, const char* vname, int value) {
   return 0;
 }
 
+// What if_nametoindex does, through the device seam.
+unsigned svti_ifindex(NetDeviceSysCalls& sys, uint32_t tunnel_id) {
+  char name[IFNAMSIZ] = {};
+  std::snprintf(name, sizeof name, "svti%d", static_cast<int>(tunnel_id));
+  SysCallFd s(sys, sys.socket(AF_INET, SOCK_DGRAM, 0));
+  if (!s.valid()) return 0;
+  ifreq ifr = named_ifreq(name);
+  return sys.ioctl(s.get(), SIOCGIFINDEX, &ifr).rc < 0 ? 0 : static_cast<unsigned>(ifr.ifr_ifindex);
+}
+
 }  // namespace cpa

@@ -50,4 +50,7 @@ int svti_del(NetDeviceSysCalls& sys, const char* ifname,
 // through the open socket `s`. 0 on success, 1 on failure.
 int setifflags(NetDeviceSysCalls& sys, int s, const char* vname, int value);
 
+// The interface index of tunnel `tunnel_id`'s SVTI device; 0 when there is none.
+unsigned svti_ifindex(NetDeviceSysCalls& sys, uint32_t tunnel_id);
+
 }  // namespace cpa

@@ -70,8 +70,6 @@ static_assert(offsetof(nlmsgerr, msg) == 4);
 static_assert(sizeof(rtattr) == 4);
 static_assert(offsetof(rtattr, rta_type) == 2);
 
-inline constexpr uint32_t nl_align(uint32_t len) { return (len + 3u) & ~3u; }
-
 // ---- Published XFRM structures ---------------------------------------------
 
 union __attribute__((packed)) xfrm_address_t {

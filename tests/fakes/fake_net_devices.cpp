@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "kernel/netlink_transport.h"
+#include "netlink/nl_message.h"
 
 namespace cpa::test {
 namespace {
@@ -25,7 +25,7 @@ std::string name_of(const char* field, size_t size) {
 }
 
 ReceivedBytes attribute(uint16_t type, ReceivedBytes attrs) {
-  return kestrix_rtattr_get(type, attrs).value_or(ReceivedBytes());
+  return NlAttrs(attrs).find(type).value_or(ReceivedBytes());
 }
 
 // A string attribute, sent with its terminating zero.

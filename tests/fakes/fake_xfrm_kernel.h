@@ -1,9 +1,10 @@
 // A fake of the platform kernel's NETLINK_XFRM, for tests: it serves the
-// agent's request socket on a thread of its own, checks every request
-// strictly against the platform's layouts (its own offsets, not the agent's
-// structs), keeps tables of SAs and policies, answers as a kernel does or as
-// a test scripts it, and multicasts the kernel's events to the monitor
-// sockets subscribed to their group.
+// agent's request socket on a thread of its own, checks what every request
+// holds against the platform's layouts (its own offsets, not the agent's
+// structs; zero padding is left to the byte-exact unit checks), keeps tables
+// of SAs and policies, answers as a kernel does or as a test scripts it, and
+// multicasts the kernel's events to the monitor sockets subscribed to their
+// group.
 //
 // Unit tests take the agent's ends of socketpairs from request_socket() and
 // monitor_socket(); the end-to-end server accepts the real agent on a unix

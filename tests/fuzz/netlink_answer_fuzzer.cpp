@@ -33,10 +33,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::vector<uint8_t> last = cpa::test::nl_error(nl.g_seq(), getpid(), 0);
   send(kernel, data, size, 0);
   send(kernel, last.data(), last.size(), 0);
-  std::vector<uint8_t> request(16, 0);  // a bare header is request enough here
-  request[0] = 16;
+  cpa::net_buf buffer{};
+  cpa::NlMessage request(buffer);
+  request.put_header(0, 0);  // a bare header is request enough here
   cpa::net_buf answer{};
-  nl.kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size());
+  nl.send(request, answer);
   drain(nl.nlsock_fd());
   drain(kernel);
   t->log.clear();

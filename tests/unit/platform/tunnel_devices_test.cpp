@@ -149,5 +149,17 @@ TEST_F(Devices, AFailingStepFailsTheAddOrDeleteAndClosesWhatItOpened) {
   }
 }
 
+TEST(SvtiIndex, NamesTheDeviceOfTheTunnelAndClosesWhatItOpened) {
+  FakeNetDevices devices;
+  devices.add_device("svti70");
+  devices.add_device("svti7");
+  EXPECT_EQ(svti_ifindex(devices, 7), static_cast<unsigned>(devices.device("svti7")->ifindex));
+  EXPECT_EQ(svti_ifindex(devices, 8), 0u);
+  devices.fail_socket = EMFILE;
+  EXPECT_EQ(svti_ifindex(devices, 7), 0u);
+  EXPECT_EQ(devices.open_descriptors(), 0);
+  EXPECT_EQ(devices.bad_closes, 0);
+}
+
 }  // namespace
 }  // namespace cpa::test
