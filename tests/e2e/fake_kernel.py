@@ -6,8 +6,7 @@ import subprocess
 import threading
 import time
 
-from sandbox import BINARY, SCRATCH, AgentTestCase, wait_until
-from cpa_rp.wire import init_start
+from sandbox import BINARY, SCRATCH, wait_until
 
 SERVER = os.environ.get("CPA_FAKE_KERNEL_SERVER",
                         os.path.join(os.path.dirname(BINARY), "fake_xfrm_kernel_server"))
@@ -61,11 +60,11 @@ class FakeKernel:
             return [l for l in self.lines[mark:] if l.startswith(prefix)]
 
     def policies(self):
-        """The fake kernel's policy table, one line per policy (see the server)."""
+        """One line per policy (see the server)."""
         return self._table("policies", "policy ")
 
     def sas(self):
-        """The fake kernel's SA table, one line per SA (see the server)."""
+        """One line per SA (see the server)."""
         return self._table("sas", "sa ")
 
     def acquire(self, groups, reqid):
@@ -89,15 +88,3 @@ def agent_on_fake_kernel(test, *args):
     test.assertTrue(kernel.wait_line("bound groups=0x8 pid=0"))
     return kernel, agent
 
-
-class FakeKernelTestCase(AgentTestCase):
-    """Each test gets a fake kernel, an agent (`agent_args`) attached to it, and
-    an RP (self.rp_client) that has opened tunnel 1 (request id 1)."""
-
-    agent_args = ("-d", "7")
-
-    def setUp(self):
-        super().setUp()
-        self.kernel, self.agent = agent_on_fake_kernel(self, *self.agent_args)
-        self.rp_client = self.rp()
-        self.assertEqual(len(self.rp_client.request(init_start(1, 0x100))), 18)

@@ -1,13 +1,10 @@
-"""Sandbox for end-to-end tests of the real ipsec_cpa binary.
+"""Sandbox for end-to-end tests of the real ipsec_cpa binary (as root).
 
 Importing this module moves the test process into a private mount namespace
-(a tmpfs /dev with the few device nodes the agent needs, a fresh /dev/shm,
-and an overlay on /usr so that /usr/admin/log exists only here). Every agent
-then runs in a network namespace of its own, made fresh for it; its syslog
-lines are captured from a /dev/log socket. Everything vanishes with the
+(a tmpfs /dev with the few device nodes the agent needs, a fresh /dev/shm, an
+overlay on /usr where /usr/admin/log exists). Every agent runs in a fresh
+network namespace, its syslog read from /dev/log. All of it vanishes with the
 process, whatever happens to the tests.
-
-Requires root (CI and the README's test command run as root).
 """
 
 import ctypes
@@ -24,8 +21,7 @@ import unittest
 
 REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 sys.path.insert(0, os.path.join(REPO, "tools"))
-from cpa_rp import report  # noqa: E402
-from cpa_rp.link import LOOPBACK_AGENT as AGENT_ADDR, LOOPBACK_RP as RP_ADDR, RpLink, send_keepalive  # noqa: E402
+from cpa_rp.link import LOOPBACK_AGENT as AGENT_ADDR, LOOPBACK_RP as RP_ADDR, RpLink  # noqa: E402
 from cpa_rp.wire import KEEPALIVE_PORT, PAL_PORT  # noqa: E402
 BINARY = os.environ.get("CPA_BINARY", os.path.join(REPO, "build", "ipsec_cpa"))
 
@@ -64,13 +60,11 @@ def _enter_mount_namespace():
             open(f"/dev/{node}", "a").close()
             _mount(src, f"/dev/{node}", None, MS_BIND)
     os.close(keep)
-    for name, target in (("fd", "/proc/self/fd"), ("stdin", "/proc/self/fd/0"),
-                         ("stdout", "/proc/self/fd/1"), ("stderr", "/proc/self/fd/2")):
-        os.symlink(target, f"/dev/{name}")
+    os.symlink("/proc/self/fd", "/dev/fd")
     os.makedirs("/dev/shm")
     _mount("tmpfs", "/dev/shm", "tmpfs", 0, "mode=1777")
-    os.makedirs(f"{SCRATCH}/usr-upper")
-    os.makedirs(f"{SCRATCH}/usr-work")
+    for d in ("usr-upper", "usr-work"):
+        os.makedirs(f"{SCRATCH}/{d}")
     _mount("overlay", "/usr", "overlay", 0,
            f"lowerdir=/usr,upperdir={SCRATCH}/usr-upper,workdir={SCRATCH}/usr-work")
     os.makedirs("/usr/admin/log")
@@ -123,23 +117,14 @@ class SyslogCapture:
         self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
         self.sock.bind(path)
-        self.sock.settimeout(0.05)
         self.records = []  # (priority, text)
         self.cond = threading.Condition()
-        self.running = True
         self.thread = threading.Thread(target=self._read, daemon=True)
         self.thread.start()
 
     def _read(self):
-        while self.running:
-            try:
-                raw = self.sock.recv(65536)
-            except socket.timeout:
-                continue
-            except OSError:
-                return
-            m = self.LINE.match(raw)
-            if m:
+        while raw := self.sock.recv(65536):  # empty once close() shuts the socket down
+            if m := self.LINE.match(raw):
                 with self.cond:
                     self.records.append((int(m.group(1)) & 7, m.group(2).decode(errors="replace")))
                     self.cond.notify_all()
@@ -154,7 +139,7 @@ class SyslogCapture:
         return wait_until(self.cond, lambda: seen() >= count, timeout)
 
     def close(self):
-        self.running = False
+        self.sock.shutdown(socket.SHUT_RDWR)
         self.thread.join()
         self.sock.close()
 
@@ -179,13 +164,11 @@ class Agent:
         """Waits until UDP sockets of this namespace are bound to both of the agent's ports."""
         wanted = {f"{p:04X}" for p in (PAL_PORT, KEEPALIVE_PORT)}
         deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
+        while time.monotonic() < deadline and self.alive():
             with open("/proc/net/udp") as f:
                 bound = {line.split()[1].split(":")[1] for line in f.readlines()[1:]}
             if wanted <= bound:
                 return True
-            if not self.alive():
-                return False
             time.sleep(0.02)
         return False
 
@@ -193,7 +176,7 @@ class Agent:
         return self.syslog.lines()
 
     def texts(self):
-        return [t for _, t in self.syslog.lines()]
+        return [t for _, t in self.log_lines()]
 
     def stdout(self):
         return pathlib.Path(self.stdout_path).read_text(errors="replace")
@@ -206,9 +189,6 @@ class Agent:
 
     def alive(self):
         return self.proc.poll() is None
-
-    def wait_exit(self, timeout=5.0):
-        return self.proc.wait(timeout)
 
     def stop(self):
         """Kills the agent; returns a problem description or None."""
@@ -223,27 +203,6 @@ class Agent:
         if "Sanitizer" in err or "runtime error" in err:
             problem = (problem or "") + "\nsanitizer report:\n" + err
         return problem
-
-
-class RecordedCommands:
-    """Stand-ins for shell commands the agent runs: each named command appends
-    its command line to a log instead of acting. `env` puts them first in PATH."""
-
-    def __init__(self, *names):
-        self.dir = f"{SCRATCH}/bin-{time.monotonic_ns()}"
-        self.log = f"{self.dir}/commands.log"
-        os.makedirs(self.dir)
-        open(self.log, "w").close()
-        for name in names:
-            path = f"{self.dir}/{name}"
-            with open(path, "w") as f:
-                f.write(f'#!/bin/sh\necho "{name} $*" >> {self.log}\n')
-            os.chmod(path, 0o755)
-        self.env = {"PATH": f"{self.dir}:{os.environ.get('PATH', '/usr/bin:/bin')}"}
-
-    def lines(self):
-        with open(self.log) as f:
-            return f.read().splitlines()
 
 
 class AgentTestCase(unittest.TestCase):
@@ -269,13 +228,6 @@ class AgentTestCase(unittest.TestCase):
         link = RpLink(AGENT_ADDR, addr)
         self.addCleanup(link.close)
         return link
-
-    def counter_rows(self, agent):
-        """{row: [requests, ok, errors]} of a fresh counter report (a keepalive first
-        starts the timers whose tick writes it)."""
-        text = report.fetch(agent.proc.pid, 5.0, lambda: send_keepalive(AGENT_ADDR, RP_ADDR))
-        self.assertIsNotNone(text, "no counter report written")
-        return report.parse(text)["commands"]
 
     def _stop(self, agent, expect_running):
         problem = agent.stop()

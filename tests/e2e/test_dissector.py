@@ -4,26 +4,37 @@ type, read back with tshark field by field."""
 import json
 import os
 import shutil
+import socket
 import struct
 import subprocess
 import tempfile
 import unittest
 
-from pcap_writer import write_pcap
 import sandbox  # noqa: F401  (the cpa_rp package on the path)
 from cpa_rp.wire import (KEEPALIVE, MSG_CEAL, MSG_PAL, acl_modify, action, answer as response, attr_update, be16,
                          be32, be64, ceal, cflow_delete, cflow_insert, cflow_modify, cipher_info, create_keys,
                          delete_flow, flow_stats, init_completed, init_start, intf_attach, ivrf_stats, pal,
-                         peer_delete, peer_insert, policy_records, record, sadb_delete, spi_delete, spi_insert,
-                         words)
+                         peer_delete, peer_insert, policy_records, record, spi_delete, spi_insert, words)
 
 DISSECTOR = os.path.join(os.path.dirname(__file__), "..", "..", "tools", "ipsec_cpa.lua")
-AGENT, RP = "10.0.0.1", "10.0.0.2"
 # Who sends on which ports: the RP from any port, the agent to the RP's 23456.
-BY_RP, BY_AGENT = ((RP, 40000), (AGENT, 23456)), ((AGENT, 23456), (RP, 23456))
-KEEPALIVE_PORTS = ((AGENT, 23458), (RP, 23458))
+RP = (("10.0.0.2", 40000), ("10.0.0.1", 23456))
+AGENT = (("10.0.0.1", 23456), ("10.0.0.2", 23456))
+KEEPALIVES = (("10.0.0.1", 23458), ("10.0.0.2", 23458))
 CB = be32(0xCA11BAC4)
 KEY = bytes(range(0xA0, 0xB0))
+
+
+def write_pcap(path, datagrams):
+    """Each (payload, (source, port), (destination, port)) as a raw IPv4 + UDP frame, a second apart (the
+    checksums are left 0: none)."""
+    with open(path, "wb") as out:
+        out.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 101))  # LINKTYPE_RAW
+        for second, (payload, (src, sport), (dst, dport)) in enumerate(datagrams):
+            frame = struct.pack(">BBHHHBBH4s4sHHHH", 0x45, 0, 28 + len(payload), 0, 0x4000, 64, socket.IPPROTO_UDP,
+                                0, socket.inet_aton(src), socket.inet_aton(dst), sport, dport, 8 + len(payload),
+                                0) + payload
+            out.write(struct.pack("<IIII", second, 0, len(frame), len(frame)) + frame)
 
 
 def filled(size, values):
@@ -43,76 +54,69 @@ CIPHER = cipher_info(0, 0x1234, 0x0A000008, 0x0A000009, soft_life=3000, hard_lif
 FLOW = be32(9) + be32(0x11) + be32(0x22) + be32(1)
 FLOW_STATS = filled(440, [(0, "Q", 5000), (32, "I", 40), (192, "Q", 7), (436, "I", 6)])
 
-# (datagram, its ports, expected fields without the ipsec_cpa. prefix; several values joined by ",")
+# (who sends, datagram, expected fields without the ipsec_cpa. prefix; several values joined by ",")
 CASES = [
-    (init_start(0xCA11BAC4, 0x500, 2), BY_RP, {"kind": "request", "pal.cmd": "1", "callback_handle": "0xca11bac4",
-                                               "create_handle": "0x00000500", "hint": "2"}),
-    (init_completed(1, 7), BY_RP, {"pal.cmd": "2", "sadbhandle": "7"}),
-    (sadb_delete(1, 7), BY_RP, {"pal.cmd": "3", "sadbhandle": "7"}),
-    (attr_update(1, 7, 3, 4), BY_RP, {"attribute": "0x00000003", "value": "0x00000004"}),
-    (intf_attach(1, 7, 42), BY_RP, {"tunnel_id": "42", "is_v6": "0"}),
-    (peer_insert(1, 0x10, 0x20, 7, idle_timer=30, idle_handle=0x33, dpd=5, dpd_handle=0x66, translation=True,
-                 inside_port=4500, outside_port=500), BY_RP,
-     {"peer_handle": "0x00000020", "peer.idle_timer_setting": "30", "peer.dpd_threshold": "5",
-      "peer.outside_remote_port": "500"}),
-    (peer_delete(1, 7, 0x20), BY_RP, {"pal.cmd": "12", "peer_handle": "0x00000020"}),
-    (acl_modify(1, 7, 2, ACL), BY_RP,
-     {"acl.what_changed": "2", "acl.num_old_ace_entries": "0", "record.kind": "1,8,9,10,11", "ace.ip_type": "4",
-      "ace.handle": "0x00000077", "ace.local_addr": "10.1.0.0", "ace.remote_addr": "10.2.0.0",
-      "ace.remote_mask": "24", "ace.protocol": "6", "port.num_port": "1,1", "port.value": "1000,2000",
-      "ace.hint": "0", "action.action": "0,1,2,0", "action.notify_rp_handle": "0x0000beef"}),
-    (spi_insert(0xCA11BAC4, 7, 0x1234, (0x0A000009, 24), (0x0A000008, 24), DECRYPT, static_seq=0x31, dyn_seq=0x32,
-                ace_index=0x33), BY_RP,
-     {"spi.spi": "0x00001234", "spi.protocol": "50", "spi.dest_addr.ipv4": "10.0.0.9", "spi.src_addr.ipv4": "10.0.0.8",
-      "ace_index": "51", "action.sa": "0x00000051", "action.post_decrypt_check": "0x0000000000000102",
-      "action.tunnel_id": "42"}),
-    (spi_delete(0xCA11BAC4, 7, 0x51), BY_RP, {"pal.cmd": "14", "spi_handle": "81"}),
-    (cflow_insert(1, 7, ENCRYPT), BY_RP, {"ivrf": "0", "action.sa": "0x00000052", "action.post_encrypt_fvrf": "3",
-                                          "action.dummy_generate": "1"}),
-    (cflow_modify(0xCA11BAC4, 7, ENCRYPT, create=0x10, flow_handle=0x52), BY_RP, {"flow_handle": "82", "action.sa": "0x00000052"}),
-    (cflow_delete(0xCA11BAC4, 7, flow_handle=0x52, entry=0x30, create=0x10), BY_RP, {"entry_handle": "0x00000030",
-                                                                         "flow_handle": "82"}),
-    (pal(7, CB), BY_RP, {"kind": "request", "pal.cmd": "7", "data": "ca11bac4"}),
-    (response(MSG_PAL, 1, CB + be32(1) + be32(1)), BY_AGENT, {"kind": "response", "sadbhandle": "1", "status": "1"}),
-    (response(MSG_PAL, 12, CB + be32(8)), BY_AGENT, {"kind": "response", "pal.cmd": "12", "status": "8"}),
-    (response(MSG_PAL, 13, CB + be32(0x51) + be32(1)), BY_AGENT, {"flow_id": "81", "status": "1"}),
-    (response(MSG_PAL, 15, CB + be64(0x52) + be32(1)), BY_AGENT, {"flow_handle": "82", "status": "1"}),
-    (response(MSG_PAL, 7, b""), BY_AGENT, {"kind": "response", "pal.cmd": "7"}),
-    (be16(MSG_PAL) + be16(82) + be16(21) + be32(0xBEEF) + be32(1) + be32(42) + be32(42) + bytes(64), BY_AGENT,
-     {"kind": "notification", "notify.notify_handle": "0x0000beef", "notify.outbound": "1",
-      "notify.tunnel_id": "42", "notify.pkt_len": "42"}),
-    (create_keys(0xCA11BAC4, 17, 0x51, CIPHER, KEY, bytes(20)), BY_RP,
-     {"ceal.api": "0", "ipsec_index": "17", "ipsec_sa": "0x00000051", "cipher.esp_cipher": "3",
-      "cipher.esp_cipher_key_length": "128", "cipher.esp_mac": "2", "cipher.esp_spi": "0x00001234",
-      "cipher.source.ipv4": "10.0.0.8", "cipher.dest.ipv4": "10.0.0.9", "cipher.soft_time_lifetime": "3000",
-      "cipher.support_dummy_packet": "1", "key.type": "1,2", "key.len": "16,20", "key.data": "********,********"}),
-    (response(MSG_CEAL, 0, CB + be32(1) + bytes(267)), BY_AGENT, {"kind": "response", "ceal.api": "0", "status": "1"}),
-    (flow_stats(1, [(9, True)]), BY_RP, {"num_flows": "1", "flow.flow_id": "9", "flow.is_inbound": "1"}),
-    (response(MSG_CEAL, 1, CB + be32(0) + be32(1) + be32(1) + FLOW + FLOW_STATS), BY_AGENT,
-     {"status": "1", "flow.handle": "0x00000022", "flow_stats.flow_in_bytes": "5000",
-      "flow_stats.flow_in_pkts": "40", "flow_stats.flow_out_bytes": "7", "flow_stats.gdoi_group_hdle": "6"}),
-    (ivrf_stats(2, 0xCA11BAC4, 3, 0x44), BY_RP, {"ivrf_index": "3", "sadb_ivrf_info_hdle": "0x00000044"}),
-    (response(MSG_CEAL, 2, CB + be16(3) + be32(0x44) + filled(20, [(8, "I", 5)])), BY_AGENT,
-     {"kind": "response", "sadb_stats.sadb_invalid_encap_sa": "5", "sadb_stats.last_update": "0"}),
-    (ivrf_stats(3, 0xCA11BAC4, 3, 0x55), BY_RP, {"kind": "request", "engine_handle": "0x00000055"}),
-    (response(MSG_CEAL, 3, CB + be16(3) + be32(0x55) + filled(112, [(12, "Q", 9000), (100, "I", 4)])), BY_AGENT,
-     {"kind": "response", "global_stats.global_in_bytes": "9000", "global_stats.global_encrypt_fail": "4"}),
-    (delete_flow(0xCA11BAC4, 9), BY_RP, {"request_handle": "0xca11bac4", "flow_id": "9"}),
-    (response(MSG_CEAL, 4, CB + be32(1)), BY_AGENT, {"kind": "response", "ceal.api": "4", "status": "1"}),
-    (KEEPALIVE, KEEPALIVE_PORTS,
-     {"kind": "keepalive", "length_le": "24", "keepalive.hostId": "IPSEC_DP"}),
+    (RP, init_start(0xCA11BAC4, 0x500, 2),
+     "kind=request pal.cmd=1 callback_handle=0xca11bac4 create_handle=0x00000500 hint=2"),
+    (RP, init_completed(1, 7), "pal.cmd=2 sadbhandle=7"),
+    (RP, attr_update(1, 7, 3, 4), "attribute=0x00000003 value=0x00000004"),
+    (RP, intf_attach(1, 7, 42), "tunnel_id=42 is_v6=0"),
+    (RP, peer_insert(1, 0x10, 0x20, 7, idle_timer=30, idle_handle=0x33, dpd=5, dpd_handle=0x66, translation=True,
+                     inside_port=4500, outside_port=500),
+     "peer_handle=0x00000020 peer.idle_timer_setting=30 peer.dpd_threshold=5 peer.outside_remote_port=500"),
+    (RP, peer_delete(1, 7, 0x20), "pal.cmd=12 peer_handle=0x00000020"),
+    (RP, acl_modify(1, 7, 2, ACL),
+     "acl.what_changed=2 acl.num_old_ace_entries=0 record.kind=1,8,9,10,11 ace.ip_type=4 ace.handle=0x00000077 "
+     "ace.local_addr=10.1.0.0 ace.remote_addr=10.2.0.0 ace.remote_mask=24 ace.protocol=6 port.num_port=1,1 "
+     "port.value=1000,2000 ace.hint=0 action.action=0,1,2,0 action.notify_rp_handle=0x0000beef"),
+    (RP, spi_insert(0xCA11BAC4, 7, 0x1234, (0x0A000009, 24), (0x0A000008, 24), DECRYPT, static_seq=0x31,
+                    dyn_seq=0x32, ace_index=0x33),
+     "spi.spi=0x00001234 spi.protocol=50 spi.dest_addr.ipv4=10.0.0.9 spi.src_addr.ipv4=10.0.0.8 ace_index=51 "
+     "action.sa=0x00000051 action.post_decrypt_check=0x0000000000000102 action.tunnel_id=42"),
+    (RP, spi_delete(0xCA11BAC4, 7, 0x51), "pal.cmd=14 spi_handle=81"),
+    (RP, cflow_insert(1, 7, ENCRYPT), "ivrf=0 action.sa=0x00000052 action.post_encrypt_fvrf=3 action.dummy_generate=1"),
+    (RP, cflow_modify(0xCA11BAC4, 7, ENCRYPT, create=0x10, flow_handle=0x52), "flow_handle=82 action.sa=0x00000052"),
+    (RP, cflow_delete(0xCA11BAC4, 7, flow_handle=0x52, entry=0x30, create=0x10),
+     "entry_handle=0x00000030 flow_handle=82"),
+    (RP, pal(7, CB), "kind=request pal.cmd=7 data=ca11bac4"),
+    (AGENT, response(MSG_PAL, 1, CB + be32(1) + be32(1)), "kind=response sadbhandle=1 status=1"),
+    (AGENT, response(MSG_PAL, 12, CB + be32(8)), "kind=response pal.cmd=12 status=8"),
+    (AGENT, response(MSG_PAL, 13, CB + be32(0x51) + be32(1)), "flow_id=81 status=1"),
+    (AGENT, response(MSG_PAL, 15, CB + be64(0x52) + be32(1)), "flow_handle=82 status=1"),
+    (AGENT, response(MSG_PAL, 7, b""), "kind=response pal.cmd=7"),
+    (AGENT, be16(MSG_PAL) + be16(82) + be16(21) + be32(0xBEEF) + be32(1) + be32(42) + be32(42) + bytes(64),
+     "kind=notification notify.notify_handle=0x0000beef notify.outbound=1 notify.tunnel_id=42 notify.pkt_len=42"),
+    (RP, create_keys(0xCA11BAC4, 17, 0x51, CIPHER, KEY, bytes(20)),
+     "ceal.api=0 ipsec_index=17 ipsec_sa=0x00000051 cipher.esp_cipher=3 cipher.esp_cipher_key_length=128 "
+     "cipher.esp_mac=2 cipher.esp_spi=0x00001234 cipher.source.ipv4=10.0.0.8 cipher.dest.ipv4=10.0.0.9 "
+     "cipher.soft_time_lifetime=3000 cipher.support_dummy_packet=1 key.type=1,2 key.len=16,20 "
+     "key.data=********,********"),
+    (AGENT, response(MSG_CEAL, 0, CB + be32(1) + bytes(267)), "kind=response ceal.api=0 status=1"),
+    (RP, flow_stats(1, [(9, True)]), "num_flows=1 flow.flow_id=9 flow.is_inbound=1"),
+    (AGENT, response(MSG_CEAL, 1, CB + be32(0) + be32(1) + be32(1) + FLOW + FLOW_STATS),
+     "status=1 flow.handle=0x00000022 flow_stats.flow_in_bytes=5000 flow_stats.flow_in_pkts=40 "
+     "flow_stats.flow_out_bytes=7 flow_stats.gdoi_group_hdle=6"),
+    (RP, ivrf_stats(2, 0xCA11BAC4, 3, 0x44), "ivrf_index=3 sadb_ivrf_info_hdle=0x00000044"),
+    (AGENT, response(MSG_CEAL, 2, CB + be16(3) + be32(0x44) + filled(20, [(8, "I", 5)])),
+     "kind=response sadb_stats.sadb_invalid_encap_sa=5 sadb_stats.last_update=0"),
+    (RP, ivrf_stats(3, 0xCA11BAC4, 3, 0x55), "kind=request engine_handle=0x00000055"),
+    (AGENT, response(MSG_CEAL, 3, CB + be16(3) + be32(0x55) + filled(112, [(12, "Q", 9000), (100, "I", 4)])),
+     "kind=response global_stats.global_in_bytes=9000 global_stats.global_encrypt_fail=4"),
+    (RP, delete_flow(0xCA11BAC4, 9), "request_handle=0xca11bac4 flow_id=9"),
+    (AGENT, response(MSG_CEAL, 4, CB + be32(1)), "kind=response ceal.api=4 status=1"),
+    (KEEPALIVES, KEEPALIVE, "kind=keepalive length_le=24 keepalive.hostId=IPSEC_DP"),
     # Malformed: cut short inside a fixed field, a record (by the datagram's end or by
     # message_length), a key; an unknown record kind.
-    (pal(1, CB + b"\x00\x05", length=14), BY_RP, {"truncated": "1", "length_mismatch": "1",
-                                               "callback_handle": "0xca11bac4"}),
-    (acl_modify(1, 7, 2, ACL)[:-10], BY_RP, {"truncated": "1", "length_mismatch": "1", "action.action": "0,1,2"}),
-    (pal(9, acl_modify(1, 7, 2, ACL)[6:], length=len(ACL) + 52 - 10), BY_RP,
-     {"truncated": "1", "length_mismatch": "1", "action.action": "0,1,2"}),
-    (acl_modify(1, 7, 2, record(12, action("discard"))), BY_RP, {"bad_record": "1"}),
-    (ceal(0, words(0xCA11BAC4, 17, 0x51) + CIPHER + be16(1) + be16(40) + KEY[:8]), BY_RP,
-     {"truncated": "1", "cipher.support_dummy_packet": "1", "key.len": "40"}),
-    (b"\x00", BY_RP, {"truncated": "1"}),
+    (RP, pal(1, CB + b"\x00\x05", length=14), "truncated=1 length_mismatch=1 callback_handle=0xca11bac4"),
+    (RP, acl_modify(1, 7, 2, ACL)[:-10], "truncated=1 length_mismatch=1 action.action=0,1,2"),
+    (RP, pal(9, acl_modify(1, 7, 2, ACL)[6:], length=len(ACL) + 52 - 10),
+     "truncated=1 length_mismatch=1 action.action=0,1,2"),
+    (RP, acl_modify(1, 7, 2, record(12, action("discard"))), "bad_record=1"),
+    (RP, ceal(0, words(0xCA11BAC4, 17, 0x51) + CIPHER + be16(1) + be16(40) + KEY[:8]),
+     "truncated=1 cipher.support_dummy_packet=1 key.len=40"),
+    (RP, b"\x00", "truncated=1"),
 ]
+CASES = [(data, ports, dict(field.split("=", 1) for field in fields.split())) for ports, data, fields in CASES]
 EXPERT_FIELDS = ("truncated", "bad_record", "length_mismatch")
 
 

@@ -1,15 +1,16 @@
 """The keepalive exchange with the RP on port 23458, liveness checks, and the
-counter report it writes on SIGUSR1."""
+signals: the counter report on SIGUSR1, the state dump on SIGINT."""
 
 import signal
 import socket
+import threading
 import time
 import unittest
 
 from sandbox import AgentTestCase, AGENT_ADDR, KEEPALIVE_PORT, RP_ADDR, LOG_ERR, LOG_INFO, LOG_WARNING
 from cpa_rp import report
-from cpa_rp.link import bound_socket
-from cpa_rp.wire import KEEPALIVE, be16, init_start
+from cpa_rp.link import bound_socket, send_keepalive
+from cpa_rp.wire import KEEPALIVE, MSG_PAL, answer, be16, be32, init_completed, init_start
 
 
 class KeepalivePeer:
@@ -77,17 +78,42 @@ class Keepalives(AgentTestCase):
         self.assertTrue(agent.alive())
 
 
-class CounterReport(AgentTestCase):
+class Signals(AgentTestCase):
     def test_sigusr1_writes_one_report_at_the_next_tick(self):
         agent = self.start_agent()
         rp = self.rp()
         rp.request(init_start(1, 2))
         rp.request(init_start(1, 0))
-        agent.signal(signal.SIGUSR1)  # before any tick: counter_rows asks again
-        self.assertEqual(self.counter_rows(agent)["KESTRIX_PAL_SADB_INIT_START"], [2, 1, 1])
+        agent.signal(signal.SIGUSR1)  # before any tick, so the fetch's own signal is the second
+        text = report.fetch(agent.proc.pid, 5.0, lambda: send_keepalive(AGENT_ADDR, RP_ADDR))
+        self.assertEqual(report.parse(text)["commands"]["KESTRIX_PAL_SADB_INIT_START"], [2, 1, 1])
         written = report.mtime()
         time.sleep(1.2)
         self.assertEqual(report.mtime(), written)  # one report for both signals
+
+    def test_sigint_dumps_the_tunnels_between_requests_that_keep_arriving(self):
+        agent = self.start_agent()
+        rp = self.rp()
+        rp.request(init_start(1, 0x100))
+        answers, done = [], threading.Event()
+
+        def stream():
+            while not done.is_set():
+                answers.append(rp.request(init_completed(0x1000 + len(answers), 1)))
+        sender = threading.Thread(target=stream)
+        sender.start()
+        try:
+            for dumps in range(1, 4):
+                goal = len(answers) + 30
+                while len(answers) < goal and sender.is_alive():
+                    time.sleep(0.01)
+                agent.signal(signal.SIGINT)
+                self.assertLogged(agent, "Signalled! ", count=dumps)
+        finally:
+            done.set()
+            sender.join()
+        self.assertEqual(answers, [answer(MSG_PAL, 2, be32(0x1000 + n) + be32(1)) for n in range(len(answers))])
+        self.assertLogged(agent, "SADBHANDLE [1] REQID [1] TUNNELID [-1]", count=3)
 
 
 if __name__ == "__main__":
