@@ -11,7 +11,6 @@ import ctypes
 import os
 import pathlib
 import re
-import signal
 import socket
 import subprocess
 import sys
@@ -91,14 +90,8 @@ def mount_over(testcase, target, source=None):
 
 def wait_until(cond, done, timeout):
     """Waits on the condition `cond` until done() holds; False after `timeout` seconds."""
-    deadline = time.monotonic() + timeout
     with cond:
-        while not done():
-            left = deadline - time.monotonic()
-            if left <= 0:
-                return False
-            cond.wait(left)
-        return True
+        return bool(cond.wait_for(done, timeout))
 
 
 SANDBOXED = os.geteuid() == 0
@@ -192,15 +185,11 @@ class Agent:
 
     def stop(self):
         """Kills the agent; returns a problem description or None."""
-        problem = None
-        if not self.alive():
-            problem = f"agent exited with {self.proc.returncode}"
-        else:
-            self.proc.send_signal(signal.SIGKILL)
-            self.proc.wait()
+        problem = None if self.alive() else f"agent exited with {self.proc.returncode}"
+        self.proc.kill()  # nothing, if it has exited
+        self.proc.wait()
         self.syslog.close()
-        err = self.stderr()
-        if "Sanitizer" in err or "runtime error" in err:
+        if "Sanitizer" in (err := self.stderr()) or "runtime error" in err:
             problem = (problem or "") + "\nsanitizer report:\n" + err
         return problem
 
@@ -217,10 +206,9 @@ class AgentTestCase(unittest.TestCase):
 
     launcher = ()  # a command that starts the agents of this test case
 
-    def start_agent(self, *args, expect_running=True, wait_ready=True, env=None,
-                    fresh_namespace=True):
-        agent = Agent(*args, wait_ready=wait_ready, env=env, fresh_namespace=fresh_namespace,
-                      launcher=self.launcher)
+    def start_agent(self, *args, expect_running=True, **options):
+        """An agent (see Agent for the options) stopped with the test."""
+        agent = Agent(*args, launcher=self.launcher, **options)
         self.addCleanup(self._stop, agent, expect_running)
         return agent
 
