@@ -38,18 +38,18 @@ class FakeKernel:
     def env(self):
         return {"CPA_FAKE_XFRM_KERNEL": self.path}
 
-    def wait_line(self, text, timeout=5.0, count=1):
-        return wait_until(self.cond, lambda: self.lines.count(text) >= count, timeout)
+    def wait_line(self, text, timeout=5.0):
+        return wait_until(self.cond, lambda: text in self.lines, timeout)
 
     def command(self, line):
         """Runs one server command; True when the server took it."""
         self.proc.stdin.write(line + "\n")
         self.proc.stdin.flush()
         self.sent += 1
-        answered = lambda: sum(l in ("ok", "bad command") for l in self.lines) >= self.sent
-        if not wait_until(self.cond, answered, 5.0):
+        answers = lambda: [l for l in self.lines if l in ("ok", "bad command")]
+        if not wait_until(self.cond, lambda: len(answers()) >= self.sent, 5.0):
             raise AssertionError(f"fake kernel did not answer {line!r}")
-        return [l for l in self.lines if l in ("ok", "bad command")][self.sent - 1] == "ok"
+        return answers()[self.sent - 1] == "ok"
 
     def _table(self, command, prefix):
         with self.cond:
@@ -59,12 +59,10 @@ class FakeKernel:
         with self.cond:
             return [l for l in self.lines[mark:] if l.startswith(prefix)]
 
-    def policies(self):
-        """One line per policy (see the server)."""
+    def policies(self):  # one line per policy, one per SA below (see the server)
         return self._table("policies", "policy ")
 
     def sas(self):
-        """One line per SA (see the server)."""
         return self._table("sas", "sa ")
 
     def acquire(self, groups, reqid):
@@ -79,11 +77,10 @@ class FakeKernel:
 
 
 def agent_on_fake_kernel(test, *args):
-    """A fake kernel and an agent (`args`, by default -d 7) attached to it, both
-    stopped with the test."""
+    """A fake kernel and an agent (`args`) attached to it, both stopped with the test."""
     kernel = FakeKernel()
     test.addCleanup(kernel.close)
-    agent = test.start_agent(*(args or ("-d", "7")), env=kernel.env())
+    agent = test.start_agent(*args, env=kernel.env())
     test.assertTrue(kernel.wait_line("bound groups=0x0 pid=0"))
     test.assertTrue(kernel.wait_line("bound groups=0x8 pid=0"))
     return kernel, agent

@@ -64,15 +64,14 @@ CASES = [
      "peer_handle=0x00000020 peer.idle_timer_setting=30 peer.dpd_threshold=5 peer.outside_remote_port=500"),
     (RP, peer_delete(1, 7, 0x20), "pal.cmd=12 peer_handle=0x00000020"),
     (RP, acl_modify(1, 7, 2, ACL),
-     "acl.what_changed=2 acl.num_old_ace_entries=0 record.kind=1,8,9,10,11 ace.ip_type=4 ace.handle=0x00000077 "
-     "ace.local_addr=10.1.0.0 ace.remote_addr=10.2.0.0 ace.remote_mask=24 ace.protocol=6 port.num_port=1,1 "
-     "port.value=1000,2000 ace.hint=0 action.action=0,1,2,0 action.notify_rp_handle=0x0000beef"),
+     "acl.num_old_ace_entries=0 record.kind=1,8,9,10,11 ace.handle=0x00000077 ace.remote_addr=10.2.0.0 "
+     "ace.remote_mask=24 port.value=1000,2000 action.action=0,1,2,0 action.notify_rp_handle=0x0000beef"),
     (RP, spi_insert(0xCA11BAC4, 7, 0x1234, (0x0A000009, 24), (0x0A000008, 24), DECRYPT, static_seq=0x31,
                     dyn_seq=0x32, ace_index=0x33),
-     "spi.spi=0x00001234 spi.protocol=50 spi.dest_addr.ipv4=10.0.0.9 spi.src_addr.ipv4=10.0.0.8 ace_index=51 "
-     "action.sa=0x00000051 action.post_decrypt_check=0x0000000000000102 action.tunnel_id=42"),
-    (RP, cflow_insert(1, 7, ENCRYPT), "ivrf=0 action.sa=0x00000052 action.post_encrypt_fvrf=3 action.dummy_generate=1"),
-    (RP, cflow_modify(0xCA11BAC4, 7, ENCRYPT, create=0x10, flow_handle=0x52), "flow_handle=82 action.sa=0x00000052"),
+     "spi.spi=0x00001234 spi.src_addr.ipv4=10.0.0.8 ace_index=51 action.post_decrypt_check=0x0000000000000102 "
+     "action.tunnel_id=42"),
+    (RP, cflow_insert(1, 7, ENCRYPT), "action.sa=0x00000052 action.post_encrypt_fvrf=3 action.dummy_generate=1"),
+    (RP, cflow_modify(0xCA11BAC4, 7, ENCRYPT, create=0x10, flow_handle=0x52), "flow_handle=82"),
     (RP, pal(7, CB), "kind=request pal.cmd=7 data=ca11bac4"),
     (AGENT, response(MSG_PAL, 1, CB + be32(1) + be32(1)), "kind=response sadbhandle=1 status=1"),
     (AGENT, response(MSG_PAL, 12, CB + be32(8)), "kind=response pal.cmd=12 status=8"),
@@ -81,15 +80,12 @@ CASES = [
     (AGENT, be16(MSG_PAL) + be16(82) + be16(21) + be32(0xBEEF) + be32(1) + be32(42) + be32(42) + bytes(64),
      "kind=notification notify.notify_handle=0x0000beef notify.outbound=1 notify.tunnel_id=42 notify.pkt_len=42"),
     (RP, create_keys(0xCA11BAC4, 17, 0x51, CIPHER, KEY, bytes(20)),
-     "ceal.api=0 ipsec_index=17 ipsec_sa=0x00000051 cipher.esp_cipher=3 cipher.esp_cipher_key_length=128 "
-     "cipher.esp_mac=2 cipher.esp_spi=0x00001234 cipher.source.ipv4=10.0.0.8 cipher.dest.ipv4=10.0.0.9 "
-     "cipher.soft_time_lifetime=3000 cipher.support_dummy_packet=1 key.type=1,2 key.len=16,20 "
-     "key.data=********,********"),
+     "ipsec_sa=0x00000051 cipher.esp_cipher_key_length=128 cipher.dest.ipv4=10.0.0.9 "
+     "cipher.support_dummy_packet=1 key.type=1,2 key.len=16,20 key.data=********,********"),
     (AGENT, response(MSG_CEAL, 0, CB + be32(1) + bytes(267)), "kind=response ceal.api=0 status=1"),
     (RP, flow_stats(1, [(9, True)]), "num_flows=1 flow.flow_id=9 flow.is_inbound=1"),
     (AGENT, response(MSG_CEAL, 1, CB + be32(0) + be32(1) + be32(1) + FLOW + FLOW_STATS),
-     "status=1 flow.handle=0x00000022 flow_stats.flow_in_bytes=5000 flow_stats.flow_in_pkts=40 "
-     "flow_stats.flow_out_bytes=7 flow_stats.gdoi_group_hdle=6"),
+     "flow.handle=0x00000022 flow_stats.flow_in_pkts=40 flow_stats.flow_out_bytes=7 flow_stats.gdoi_group_hdle=6"),
     (AGENT, response(MSG_CEAL, 2, CB + be16(3) + be32(0x44) + filled(20, [(8, "I", 5)])),
      "kind=response sadb_stats.sadb_invalid_encap_sa=5 sadb_stats.last_update=0"),
     (RP, ivrf_stats(3, 0xCA11BAC4, 3, 0x55), "kind=request engine_handle=0x00000055"),
@@ -115,13 +111,10 @@ EXPERT_FIELDS = ("truncated", "bad_record", "length_mismatch")
 class Dissector(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.dir = tempfile.TemporaryDirectory()
-        cls.capture = os.path.join(cls.dir.name, "cap.pcap")
+        scratch = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(scratch.cleanup)
+        cls.capture = os.path.join(scratch.name, "cap.pcap")
         write_pcap(cls.capture, [(data, *ports) for data, ports, _ in CASES])
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.dir.cleanup()
 
     def tshark(self, *args):
         run = subprocess.run(["tshark", "-r", self.capture, "-X", f"lua_script:{DISSECTOR}", *args],

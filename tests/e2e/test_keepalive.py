@@ -32,17 +32,13 @@ class KeepalivePeer:
 
 
 class Keepalives(AgentTestCase):
-    def test_nothing_is_sent_before_the_rp_speaks_first(self):
+    def test_keepalives_go_every_second_to_the_rp_port_once_it_sent_one(self):
         agent = self.start_agent()
         peer = KeepalivePeer(self)
-        self.rp().request(init_start(1, 2))
+        self.rp().request(init_start(1, 2))  # neither a request nor a datagram of another type starts them
         peer.send(be16(0) + be16(0))
         self.assertEqual(peer.receive(1.5)[0], None)
         self.assertLogged(agent, "Unknown msgtype for Keepalive thread, msg_type 0", LOG_ERR)
-
-    def test_keepalives_go_every_second_to_the_rp_port(self):
-        agent = self.start_agent()
-        peer = KeepalivePeer(self)
         other_port = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         other_port.bind((RP_ADDR, 0))
         self.addCleanup(other_port.close)
@@ -96,22 +92,20 @@ class Signals(AgentTestCase):
         rp = self.rp()
         rp.request(init_start(1, 0x100))
         answers, done = [], threading.Event()
+        self.addCleanup(done.set)
 
         def stream():
             while not done.is_set():
                 answers.append(rp.request(init_completed(0x1000 + len(answers), 1)))
-        sender = threading.Thread(target=stream)
+        sender = threading.Thread(target=stream, daemon=True)
         sender.start()
-        try:
-            for dumps in range(1, 4):
-                goal = len(answers) + 30
-                while len(answers) < goal and sender.is_alive():
-                    time.sleep(0.01)
-                agent.signal(signal.SIGINT)
-                self.assertLogged(agent, "Signalled! ", count=dumps)
-        finally:
-            done.set()
-            sender.join()
+        for dumps in range(1, 4):  # each one lands between requests of the stream
+            time.sleep(0.1)
+            agent.signal(signal.SIGINT)
+            self.assertLogged(agent, "Signalled! ", count=dumps)
+        done.set()
+        sender.join()
+        self.assertGreater(len(answers), 30)
         self.assertEqual(answers, [answer(MSG_PAL, 2, be32(0x1000 + n) + be32(1)) for n in range(len(answers))])
         self.assertLogged(agent, "SADBHANDLE [1] REQID [1] TUNNELID [-1]", count=3)
 

@@ -18,18 +18,16 @@ FOREIGN = "127.0.0.3"
 
 def bind_as_nobody(port):
     """The errno of another user's bind of 127.0.0.1:`port` (reusing what it can), 0 if it succeeds."""
-    pid = os.fork()
-    if pid == 0:
-        code = 0
+    if (pid := os.fork()) == 0:
         try:
             os.setuid(65534)
             s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
             for option in (socket.SO_REUSEADDR, socket.SO_REUSEPORT):
                 s.setsockopt(socket.SOL_SOCKET, option, 1)
             s.bind(("127.0.0.1", port))
+            os._exit(0)
         except OSError as e:
-            code = e.errno
-        os._exit(code)
+            os._exit(e.errno)
     return os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1])
 
 
@@ -52,13 +50,10 @@ class ForeignSender(AgentTestCase):
                           LOG_WARNING)
         self.assertNotIn("No RP allow-list (-R): any sender can drive the agent", agent.texts())
 
-    def test_without_an_allow_list_the_agent_warns_once(self):
-        agent = self.start_agent()
-        self.assertLogged(agent, "No RP allow-list (-R): any sender can drive the agent", LOG_WARNING)
-
 
 class LocalUser(AgentTestCase):
     def test_no_other_user_can_bind_the_agents_ports(self):
-        self.start_agent()
+        agent = self.start_agent()  # without an allow list, which it warns of
+        self.assertLogged(agent, "No RP allow-list (-R): any sender can drive the agent", LOG_WARNING)
         for port in (PAL_PORT, KEEPALIVE_PORT):
             self.assertEqual(bind_as_nobody(port), errno.EADDRINUSE, port)

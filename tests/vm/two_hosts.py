@@ -53,8 +53,6 @@ A.peer, B.peer = B, A
 HOSTS = (A, B)
 
 
-# ---------------------------------------------------------------- plumbing
-
 def ip(ns, *args, check=True, stdin=None):
     """`ip` in namespace `ns` (None: this one); its stdout. Each one costs about
     half a second under emulation, hence ip_batch."""
@@ -116,8 +114,6 @@ def remove_topology():
     ip_batch(None, *(f"netns del {ns}" for h in HOSTS for ns in (h.ns, h.site_ns)), check=False)
 
 
-# ---------------------------------------------------------------- what the kernel holds
-
 def xfrm_blocks(ns, what, stats=False):
     """`ip xfrm state|policy` cut into one text block per entry. States of SPI 0
     are left out: the kernel's placeholders for an acquire, which it drops
@@ -153,17 +149,15 @@ def sa_counters(h):
 
 
 def expected_states(h, reqid):
-    sa = lambda src, dst, spi: {"src": src, "dst": dst, "proto": "esp", "spi": spi, "reqid": reqid,
-                                "mode": "tunnel", "if_id": TUNNEL, "enc": "cbc(aes)",
-                                "auth": "hmac(sha1)"}
+    sa = lambda src, dst, spi: dict(src=src, dst=dst, proto="esp", spi=spi, reqid=reqid, mode="tunnel",
+                                    if_id=TUNNEL, enc="cbc(aes)", auth="hmac(sha1)")
     return [sa(h.wan, h.peer.wan, h.spi_out), sa(h.peer.wan, h.wan, h.spi_in)]
 
 
 def expected_policies(h, reqid):
     """Out and in, and fwd: without it the kernel drops decrypted traffic that it forwards to the site."""
-    pol = lambda d, src, dst, tsrc, tdst: {"src": src, "dst": dst, "dir": d, "tmpl_src": tsrc,
-                                           "tmpl_dst": tdst, "proto": "esp", "mode": "tunnel",
-                                           "reqid": reqid, "if_id": TUNNEL}
+    pol = lambda d, src, dst, tsrc, tdst: dict(src=src, dst=dst, dir=d, tmpl_src=tsrc, tmpl_dst=tdst, proto="esp",
+                                               mode="tunnel", reqid=reqid, if_id=TUNNEL)
     return [pol("out", h.subnet, h.peer.subnet, h.wan, h.peer.wan),
             pol("in", h.peer.subnet, h.subnet, h.peer.wan, h.wan),
             pol("fwd", h.peer.subnet, h.subnet, h.peer.wan, h.wan)]
@@ -203,8 +197,6 @@ def show_tables(title):
                   f"--- {title}: host {h.name}, ip -s xfrm state\n{ip(h.ns, '-s', 'xfrm', 'state')}",
                   flush=True)
 
-
-# ---------------------------------------------------------------- traffic
 
 def capture(h):
     """A socket that keeps every frame seen on host `h`'s interface towards the other host."""
@@ -287,8 +279,6 @@ def check_traffic_through_tunnel():
     show_tables("after the traffic")
     return after
 
-
-# ---------------------------------------------------------------- the agents
 
 NOTIFY_HANDLE = 0x4E01
 OK = rp.be32(1)  # CRYPTO_NO_ERR
@@ -463,8 +453,6 @@ def scenario():
         if failed:
             log.print_tail()
 
-
-# ---------------------------------------------------------------- main
 
 def main():
     if sys.argv[1:] == ["--demo"]:  # show the kernel's SAs and counters
