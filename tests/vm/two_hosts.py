@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
-"""Two IPsec hosts on a real kernel, checked from the outside (run as root in
-the virtual machine of scripts/vm-run.sh, whose kernel has ESP and xfrm
-interfaces).
+"""Two IPsec hosts on a real kernel, checked from the outside (as root in the
+virtual machine of scripts/vm-run.sh, whose kernel has ESP and xfrm interfaces).
 
     site-a ── host-a ══ ESP over veth ══ host-b ── site-b
 
@@ -9,8 +8,7 @@ Every box is a network namespace. Each host runs one agent with `-k linux`,
 driven by its own RP through the life of one tunnel (svti7, if_id 7) between
 the sites; the kernel tables, the traffic and the wire are checked on the way.
 
-Usage: two_hosts.py [--demo]
-Exit status 0 when every check passed.
+Usage: two_hosts.py [--demo]; exit status 0 when every check passed.
 """
 
 import contextlib
@@ -23,8 +21,7 @@ import sys
 import threading
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-REPO = os.path.dirname(os.path.dirname(HERE))
+REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 sys.path.insert(0, os.path.join(REPO, "tools"))
 from cpa_rp import wire as rp  # noqa: E402
 from cpa_rp.link import RpLink  # noqa: E402
@@ -281,8 +278,14 @@ def check_traffic_through_tunnel():
 
 
 NOTIFY_HANDLE = 0x4E01
-OK = rp.be32(1)  # CRYPTO_NO_ERR
-NOTIFY = rp.be16(rp.MSG_PAL) + rp.be16(21)  # message type and PAL command of an acquire notify
+
+
+def decoded(answer):
+    """An answer or notification of an agent as the RP decodes it; {} when none came, its fault if malformed."""
+    try:
+        return rp.decode(answer) if answer is not None else {}
+    except rp.Malformed as malformed:
+        return {"malformed": str(malformed), "bytes": answer.hex()}
 
 
 class AgentLog:
@@ -331,20 +334,18 @@ class HostAgent:
             time.sleep(0.2)
         raise RuntimeError("the agent did not bind its port (does it know -k linux?)")
 
-    def ask(self, what, request, status_at=slice(-4, None)):
+    def ask(self, what, request):
+        """The answer, decoded; it must be CRYPTO_NO_ERR."""
         # The first SA of an algorithm has the kernel run modprobe for it several
         # times, which takes seconds under emulation on busy cores.
         self.rp.send(request)
-        answer = self.rp.receive(timeout=30.0)
-        while answer is not None and answer[:2] + answer[4:6] == NOTIFY:  # unsolicited, late acquires
-            answer = self.rp.receive(timeout=30.0)
-        check(f"{self.h.name}: {what} answered CRYPTO_NO_ERR",
-              answer is not None and answer[status_at] == OK, answer and answer.hex())
-        return answer or b""
+        while (answer := decoded(self.rp.receive(timeout=30.0))).get("api") == rp.NOTIFY_RP:
+            pass  # an unsolicited, late acquire
+        check(f"{self.h.name}: {what} answered CRYPTO_NO_ERR", answer.get("status") == rp.CRYPTO_NO_ERR, answer)
+        return answer
 
     def open_tunnel(self):
-        self.sadb = int.from_bytes(self.ask("INIT_START", rp.init_start(self.callback, self.create),
-                                            slice(14, 18))[10:14], "big")
+        self.sadb = self.ask("INIT_START", rp.init_start(self.callback, self.create)).get("sadbhandle", 0)
         peer = self.h.peer
         self.ask("INTF_ATTACH", rp.intf_attach(self.callback, self.sadb, TUNNEL))
         self.ask("PEER_INSERT", rp.peer_insert(self.callback, self.create, 0x9E00 + self.index, self.sadb))
@@ -360,8 +361,7 @@ class HostAgent:
         info = rp.cipher_info(outbound, sender.spi_out, addr(sender.wan), addr(sender.peer.wan),
                               key_bits=len(sender.enc_key) * 8)
         self.ask(f"CREATE_KEY_BY_KEYS ({'outbound' if outbound else 'inbound'})",
-                 rp.create_keys(self.callback, flow, sa, info, sender.enc_key, mac_key or sender.auth_key),
-                 slice(10, 14))
+                 rp.create_keys(self.callback, flow, sa, info, sender.enc_key, mac_key or sender.auth_key))
 
     def insert_spi(self, what="SPI_INSERT"):
         self.ask(what, rp.spi_insert(self.callback, self.sadb, self.h.spi_in, (addr(self.h.wan), 32),
@@ -383,11 +383,10 @@ class HostAgent:
     def flow_stats(self):
         """(out bytes, out packets, in bytes, in packets) as FLOW_STATS reports them."""
         flows = [(self.out_flow, False), (self.in_flow, True)]
-        answer = self.ask("FLOW_STATS", rp.flow_stats(self.callback, flows), slice(18, 22))
-        try:
-            out, into = (flow["counters"] for flow in rp.decode(answer)["flows"])
-        except (rp.Malformed, ValueError):
+        answer = self.ask("FLOW_STATS", rp.flow_stats(self.callback, flows))
+        if len(answer.get("flows", ())) != 2:
             return None
+        out, into = (flow["counters"] for flow in answer["flows"])
         return out["flow_out_bytes"], out["flow_out_pkts"], into["flow_in_bytes"], into["flow_in_pkts"]
 
     def close_tunnel(self):
@@ -421,11 +420,9 @@ def scenario():
             agent.open_tunnel()
             ip(agent.h.ns, "route", "add", agent.h.peer.subnet, "dev", DEVICE, check=False)
         udp_exchange(A, B, MARKER, timeout=0.5)
-        notify = agents[0].rp.receive(timeout=3.0)
+        notify = decoded(agents[0].rp.receive(timeout=3.0))
         check("traffic before the SAs exist brings the RP the acquire notify",
-              notify is not None and len(notify) == 86 and notify[:2] + notify[4:6] == NOTIFY
-              and notify[6:10] == rp.be32(NOTIFY_HANDLE),
-              notify and notify.hex())
+              (notify.get("api"), notify.get("notify_handle")) == (rp.NOTIFY_RP, NOTIFY_HANDLE), notify)
         for agent in agents:
             agent.add_sas()
         check_kernel_tables(agents)
