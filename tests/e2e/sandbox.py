@@ -76,9 +76,8 @@ def new_network_namespace():
 
 
 def mount_over(testcase, target, source=None):
-    """Covers `target` until the test ends: a fresh tmpfs over a directory, or
-    the file `source` bound over a file. What is missing is made in the
-    private /usr overlay, so the host's paths are never touched."""
+    """Covers `target` until the test ends: a fresh tmpfs over a directory, or the file `source` bound
+    over a file. What is missing is made in the private /usr overlay: the host's paths are never touched."""
     if source:
         open(target, "a").close()
         _mount(source, target, None, MS_BIND)
@@ -138,8 +137,7 @@ class SyslogCapture:
 
 
 class Agent:
-    """The real ipsec_cpa in a fresh network namespace, with its syslog; started
-    through the command `launcher` (e.g. setpriv) if one is given."""
+    """The real ipsec_cpa in a fresh network namespace, with its syslog, started through `launcher` if any."""
 
     def __init__(self, *args, wait_ready=True, env=None, fresh_namespace=True, launcher=()):
         if fresh_namespace:
@@ -195,8 +193,7 @@ class Agent:
 
 
 class AgentTestCase(unittest.TestCase):
-    """Each test starts its agents with start_agent(); they are stopped, and
-    checked for crashes and sanitizer reports, when the test ends."""
+    """Agents from start_agent() are stopped, and checked for crashes and sanitizer reports, with the test."""
 
     def setUp(self):
         if not SANDBOXED:

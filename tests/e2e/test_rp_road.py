@@ -9,7 +9,6 @@ import os
 import socket
 import subprocess
 import sys
-import tempfile
 
 from fake_kernel import GROUP_POLICY, agent_on_fake_kernel
 from sandbox import REPO, AgentTestCase
@@ -41,8 +40,8 @@ sadb complete --sadb 1 --callback 0xD6 => NO_SESSION
 """
 
 
-def cpa_rp(*args):
-    return subprocess.run([sys.executable, TOOL, *args], capture_output=True, text=True, timeout=20)
+def cpa_rp(*args, input=None):
+    return subprocess.run([sys.executable, TOOL, *args], input=input, capture_output=True, text=True, timeout=20)
 
 
 def answer(message, api, callback, status=1, **values):
@@ -66,10 +65,7 @@ class RoadThroughCpaRp(AgentTestCase):
 
     def script(self, text):
         """The answers of a script run with --json, which must succeed."""
-        with tempfile.NamedTemporaryFile("w", suffix=".rp", delete=False) as f:
-            f.write(text)
-        self.addCleanup(os.unlink, f.name)
-        run = cpa_rp("--json", "script", f.name)
+        run = cpa_rp("--json", "script", "/dev/fd/0", input=text)
         self.assertEqual((run.returncode, run.stderr), (0, ""))
         return [json.loads(line) for line in run.stdout.splitlines()]
 

@@ -62,8 +62,7 @@ def ip(ns, *args, check=True, stdin=None):
 
 
 def ip_batch(ns, *commands, check=True):
-    return ip(ns, *([] if check else ["-force"]), "-batch", "-", stdin="\n".join(commands) + "\n",
-              check=check)
+    return ip(ns, *([] if check else ["-force"]), "-batch", "-", stdin="\n".join(commands) + "\n", check=check)
 
 
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -122,8 +121,7 @@ def xfrm_blocks(ns, what, stats=False):
 
 ENTRY_FIELDS = dict(src=r"^src (\S+)", dst=r"^src \S+ dst (\S+)", proto=r"proto (\w+)",
                     mode=r"mode (\w+)", reqid=r"reqid (\d+)", if_id=r"if_id (0x[0-9a-f]+)")
-STATE_FIELDS = dict(ENTRY_FIELDS, spi=r"spi (0x[0-9a-f]+)", enc=r"\benc (\S+)",
-                    auth=r"\bauth(?:-trunc)? (\S+)")
+STATE_FIELDS = dict(ENTRY_FIELDS, spi=r"spi (0x[0-9a-f]+)", enc=r"\benc (\S+)", auth=r"\bauth(?:-trunc)? (\S+)")
 POLICY_FIELDS = dict(ENTRY_FIELDS, dir=r"dir (\w+)", tmpl_src=r"tmpl src (\S+)",
                      tmpl_dst=r"tmpl src \S+ dst (\S+)")
 
