@@ -210,42 +210,33 @@ def captured(sock):
     return frames
 
 
-def udp_exchange(src, dst, payload, timeout=2.0):
-    """A datagram from src's site to dst's site and its echo; True when the echo came back."""
+def exchange(src, dst, payload, tcp=False, timeout=2.0):
+    """`payload` from src's site to dst's site over UDP or TCP, echoed; True when the echo came back.
+    The kernel completes TCP's handshake, so one thread plays both ends."""
+    kind = socket.SOCK_STREAM if tcp else socket.SOCK_DGRAM
     with netns(dst.site_ns):
-        server = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        server = socket.socket(socket.AF_INET, kind)
     with netns(src.site_ns):
-        client = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        client = socket.socket(socket.AF_INET, kind)
     with server, client:
         server.bind((dst.site_addr, 5001))
         server.settimeout(timeout)
         client.settimeout(timeout)
-        client.sendto(payload, (dst.site_addr, 5001))
         try:
-            data, addr = server.recvfrom(65536)
-            server.sendto(data, addr)
-            return client.recv(65536) == payload
-        except socket.timeout:
-            return False
-
-
-def tcp_exchange(src, dst, payload, timeout=5.0):
-    """The same over TCP; the kernel completes the handshake, so one thread plays both ends."""
-    with netns(dst.site_ns):
-        server = socket.create_server((dst.site_addr, 5002))
-    with server:
-        server.settimeout(timeout)
-        try:
-            with netns(src.site_ns):
-                client = socket.create_connection((dst.site_addr, 5002), timeout=timeout)
-            with client:
+            if tcp:
+                server.listen()
+                client.connect((dst.site_addr, 5001))
                 client.sendall(payload)
                 conn, _ = server.accept()
                 with conn:
                     conn.settimeout(timeout)
                     conn.sendall(conn.recv(65536))
-                return client.recv(65536) == payload
-        except OSError:
+            else:
+                client.sendto(payload, (dst.site_addr, 5001))
+                data, addr = server.recvfrom(65536)
+                server.sendto(data, addr)
+            return client.recv(65536) == payload
+        except OSError:  # timeouts too
             return False
 
 
@@ -254,9 +245,9 @@ def check_traffic_through_tunnel():
     Returns the SA counters of both hosts afterwards."""
     wire = capture(A)
     before = {h.name: sa_counters(h) for h in HOSTS}
-    check("UDP site-a -> site-b and back", udp_exchange(A, B, MARKER + b" udp"))
-    check("UDP site-b -> site-a and back", udp_exchange(B, A, MARKER + b" udp back"))
-    check("TCP site-a -> site-b and back", tcp_exchange(A, B, MARKER + b" tcp"))
+    check("UDP site-a -> site-b and back", exchange(A, B, MARKER + b" udp"))
+    check("UDP site-b -> site-a and back", exchange(B, A, MARKER + b" udp back"))
+    check("TCP site-a -> site-b and back", exchange(A, B, MARKER + b" tcp", tcp=True, timeout=5.0))
     frames = captured(wire)
     ipv4 = [f for f in frames if f[12:14] == b"\x08\x00"]
     esp = [f for f in ipv4 if f[23] == 50]
@@ -286,24 +277,20 @@ def decoded(answer):
         return {"malformed": str(malformed), "bytes": answer.hex()}
 
 
-class AgentLog:
-    """The agents' syslog lines (the guest has no syslog daemon of its own)."""
+def agent_log():
+    """The agents' syslog lines as they come (the guest has no syslog daemon of its own)."""
+    with contextlib.suppress(FileNotFoundError):
+        os.unlink("/dev/log")
+    sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    sock.bind("/dev/log")
+    lines = []
 
-    def __init__(self):
-        with contextlib.suppress(FileNotFoundError):
-            os.unlink("/dev/log")
-        self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.sock.bind("/dev/log")
-        self.lines = []
-        threading.Thread(target=self._read, daemon=True).start()
-
-    def _read(self):
+    def read():
         with contextlib.suppress(OSError):
             while True:
-                self.lines.append(self.sock.recv(65536).decode(errors="replace").rstrip())
-
-    def print_tail(self, count=int(os.environ.get("CPA_VM_LOG_LINES", "60"))):
-        print("--- the agents' last syslog lines", *self.lines[-count:], sep="\n")
+                lines.append(sock.recv(65536).decode(errors="replace").rstrip())
+    threading.Thread(target=read, daemon=True).start()
+    return lines
 
 
 class HostAgent:
@@ -409,7 +396,7 @@ def addr(text):
 
 def scenario():
     print(f"== {BINARY} -k linux on each host, driven by its RP", flush=True)
-    log = AgentLog()
+    log = agent_log()
     agents = []
     try:
         for i, h in enumerate(HOSTS):
@@ -417,7 +404,7 @@ def scenario():
         for agent in agents:
             agent.open_tunnel()
             ip(agent.h.ns, "route", "add", agent.h.peer.subnet, "dev", DEVICE, check=False)
-        udp_exchange(A, B, MARKER, timeout=0.5)
+        exchange(A, B, MARKER, timeout=0.5)
         notify = decoded(agents[0].rp.receive(timeout=3.0))
         check("traffic before the SAs exist brings the RP the acquire notify",
               (notify.get("api"), notify.get("notify_handle")) == (rp.NOTIFY_RP, NOTIFY_HANDLE), notify)
@@ -433,7 +420,7 @@ def scenario():
                   reported == want, f"FLOW_STATS {reported}, kernel {want}")
         agents[1].replace_inbound_key(bytes(20))
         before = sa_counters(B).get(B.spi_in, (0, 0, 0))
-        check("with a wrong key on one side the traffic fails", not udp_exchange(A, B, MARKER, timeout=1.0))
+        check("with a wrong key on one side the traffic fails", not exchange(A, B, MARKER, timeout=1.0))
         after = sa_counters(B).get(B.spi_in)
         check("with a wrong key the receiver's integrity failures rise",
               after is not None and after[2] > before[2], f"{before} -> {after}")
@@ -446,7 +433,8 @@ def scenario():
         for agent in agents:
             agent.stop()
         if failed:
-            log.print_tail()
+            tail = int(os.environ.get("CPA_VM_LOG_LINES", "60"))
+            print("--- the agents' last syslog lines", *log[-tail:], sep="\n")
 
 
 def main():
