@@ -11,7 +11,7 @@ from sandbox import BINARY, SCRATCH, wait_until
 SERVER = os.environ.get("CPA_FAKE_KERNEL_SERVER",
                         os.path.join(os.path.dirname(BINARY), "fake_xfrm_kernel_server"))
 
-GROUP_ACQUIRE, GROUP_POLICY = 1, 8
+GROUP_POLICY = 8
 
 
 class FakeKernel:
@@ -21,8 +21,7 @@ class FakeKernel:
         self.path = f"{SCRATCH}/xfrm-{time.monotonic_ns()}.sock"
         self.proc = subprocess.Popen([SERVER, self.path], stdin=subprocess.PIPE,
                                      stdout=subprocess.PIPE, text=True, bufsize=1)
-        self.lines = []
-        self.sent = 0
+        self.lines, self.sent = [], 0
         self.cond = threading.Condition()
         self.thread = threading.Thread(target=self._read, daemon=True)
         self.thread.start()

@@ -37,8 +37,7 @@ _libc = ctypes.CDLL(None, use_errno=True)
 
 def _check(rc, what):
     if rc != 0:
-        err = ctypes.get_errno()
-        raise OSError(err, f"{what}: {os.strerror(err)}")
+        raise OSError(ctypes.get_errno(), f"{what}: {os.strerror(ctypes.get_errno())}")
 
 
 def _mount(source, target, fstype, flags=0, data=None):

@@ -2,12 +2,11 @@
 frames from the other end, the shipped stand-ins installed at the platform's
 command paths (covered inside the sandbox only), /sbin/arp recorded."""
 
-import os
+import pathlib
 import socket
 import struct
 import subprocess
 import time
-import unittest
 
 from sandbox import REPO, SCRATCH, AgentTestCase, mount_over, new_network_namespace
 
@@ -29,11 +28,10 @@ def ip(*args):
 class Arp(AgentTestCase):
 
     def test_late_ethgrp0_is_bound_and_readdressed(self):
-        record = f"{SCRATCH}/arp-{time.monotonic_ns()}"
-        with open(record + ".sh", "w") as f:
-            f.write(f'#!/bin/sh\necho "$0 $*|$ARP_IF|$ARP_SRC_MAC|$ARP_SRC_IP|$ARP_DST_IP" >> {record}\n')
-        os.chmod(record + ".sh", 0o755)
-        mount_over(self, "/sbin/arp", record + ".sh")
+        record = pathlib.Path(f"{SCRATCH}/arp-{time.monotonic_ns()}")
+        record.write_text(f'#!/bin/sh\necho "$0 $*|$ARP_IF|$ARP_SRC_MAC|$ARP_SRC_IP|$ARP_DST_IP" >> {record}.log\n')
+        record.chmod(0o755)
+        mount_over(self, "/sbin/arp", str(record))
         mount_over(self, "/usr/local/fpbin")
         mount_over(self, "/usr/local/fastpath")
         subprocess.run(["bash", f"{REPO}/scripts/install-platform-standins.sh"], check=True)
@@ -57,10 +55,5 @@ class Arp(AgentTestCase):
         self.assertLogged(agent, "INFO: 10.1.1.2 is the new ethgrp0 address\n")
         self.assertIn(" 10.1.1.2/24 ", ip("-4", "-o", "address", "show", "dev", "ethgrp0"))
         mac = "02:00:5e:0a:0b:fe"
-        with open(record) as f:
-            self.assertEqual(f.read().splitlines(),
-                             [f"/sbin/arp -s 10.1.1.1 {mac}|ethgrp0|{mac}|10.1.1.1|10.2.0.9"])
-
-
-if __name__ == "__main__":
-    unittest.main()
+        self.assertEqual(pathlib.Path(f"{record}.log").read_text().splitlines(),
+                         [f"/sbin/arp -s 10.1.1.1 {mac}|ethgrp0|{mac}|10.1.1.1|10.2.0.9"])

@@ -130,7 +130,3 @@ class Dissector(unittest.TestCase):
         self.assertIn("data: ********", verbose)
         self.assertNotIn(KEY[:4].hex(), verbose)
         self.assertNotIn(KEY[:4].hex(":"), verbose)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -22,15 +22,10 @@ def unit_capabilities():
 
 class Descriptors(AgentTestCase):
     def test_every_descriptor_is_closed_on_exec(self):
-        agent = self.start_agent()
-        fdinfo = f"/proc/{agent.proc.pid}/fdinfo"
-        leaked = []
-        for fd in sorted(map(int, os.listdir(fdinfo))):
-            with open(f"{fdinfo}/{fd}") as f:
-                flags = int(re.search(r"^flags:\s*(\d+)", f.read(), re.M).group(1), 8)
-            if fd > 2 and not flags & O_CLOEXEC:
-                leaked.append(os.readlink(f"/proc/{agent.proc.pid}/fd/{fd}"))
-        self.assertEqual(leaked, [])
+        proc = pathlib.Path(f"/proc/{self.start_agent().proc.pid}")
+        flags = {fd: int(re.search(r"^flags:\s*(\d+)", (proc / "fdinfo" / fd).read_text(), re.M)[1], 8)
+                 for fd in os.listdir(proc / "fdinfo") if int(fd) > 2}
+        self.assertEqual([os.readlink(proc / "fd" / fd) for fd, f in flags.items() if not f & O_CLOEXEC], [])
 
 
 class RoadWithTheUnitsCapabilities(test_rp_road.RoadThroughCpaRp):

@@ -4,7 +4,6 @@ namespace: the svti device, the answers and the descriptors the agent holds
 
 import os
 import subprocess
-import unittest
 
 from sandbox import AgentTestCase, LOG_DEBUG
 from cpa_rp.wire import MSG_PAL, answer, be32, init_start, intf_attach
@@ -67,7 +66,3 @@ class IntfAttach(AgentTestCase):
         self.assertEqual(sorted(os.listdir(fds)), before)
         self.assertIsNone(link("svti9"))
         self.assertIn("ioctl: File exists", self.agent.stderr())
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -5,7 +5,6 @@ import signal
 import socket
 import threading
 import time
-import unittest
 
 from sandbox import AgentTestCase, AGENT_ADDR, KEEPALIVE_PORT, RP_ADDR, LOG_ERR, LOG_INFO, LOG_WARNING
 from cpa_rp import report
@@ -105,7 +104,3 @@ class Signals(AgentTestCase):
         self.assertGreater(len(answers), 30)
         self.assertEqual(answers, [answer(MSG_PAL, 2, be32(0x1000 + n) + be32(1)) for n in range(len(answers))])
         self.assertLogged(agent, "SADBHANDLE [1] REQID [1] TUNNELID [-1]", count=3)
-
-
-if __name__ == "__main__":
-    unittest.main()

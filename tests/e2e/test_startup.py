@@ -7,7 +7,6 @@ import pathlib
 import re
 import socket
 import time
-import unittest
 
 from sandbox import SCRATCH, AgentTestCase, new_network_namespace, LOG_DEBUG, LOG_ERR, LOG_INFO
 from cpa_rp.wire import init_start
@@ -126,7 +125,3 @@ class FastPathSegment(AgentTestCase):
                 f.truncate(size)
             agent = self.start_agent()
             self.assertTrue(any(re.fullmatch(logged, text) for text in agent.texts()), agent.texts())
-
-
-if __name__ == "__main__":
-    unittest.main()

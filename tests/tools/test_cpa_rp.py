@@ -29,7 +29,3 @@ class Answers(unittest.TestCase):
         with contextlib.redirect_stderr(err):
             code = commands.main(["acl", "install", "--sadb", "1", "--ace", "10.1.0.0/33:10.2.0.0/16"])
         self.assertEqual((code, err.getvalue()), (2, "cpa-rp: argument --ace: not an IPv4 prefix: '10.1.0.0/33'\n"))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -31,6 +31,7 @@ TUNNEL = 7
 DEVICE = f"svti{TUNNEL}"
 MARKER = b"plaintext-marker-7f3a"  # must never show on the wire between the hosts
 CLONE_NEWNET = 0x40000000
+DEMO = sys.argv[1:] == ["--demo"]  # shows the kernel's SAs and counters too
 
 
 class Host:
@@ -138,8 +139,7 @@ def sa_counters(h):
     for block in xfrm_blocks(h.ns, "state", stats=True):
         current = re.search(r"lifetime current:\s+(\d+)\(bytes\), (\d+)\(packets\)", block)
         failed = re.search(r"replay \d+ failed (\d+)", block)
-        spi = entry_of(block, STATE_FIELDS)["spi"]
-        counters[spi] = (int(current[1]), int(current[2]), int(failed[1]))
+        counters[entry_of(block, STATE_FIELDS)["spi"]] = (int(current[1]), int(current[2]), int(failed[1]))
     return counters
 
 
@@ -186,7 +186,7 @@ def check_tunnel_gone():
 
 def show_tables(title):
     """For the demonstration: what the kernel of each host holds."""
-    if os.environ.get("CPA_DEMO"):
+    if DEMO:
         for h in HOSTS:
             print(f"--- {title}: host {h.name}, ip xfrm policy\n{ip(h.ns, 'xfrm', 'policy')}"
                   f"--- {title}: host {h.name}, ip -s xfrm state\n{ip(h.ns, '-s', 'xfrm', 'state')}",
@@ -438,8 +438,6 @@ def scenario():
 
 
 def main():
-    if sys.argv[1:] == ["--demo"]:  # show the kernel's SAs and counters
-        os.environ["CPA_DEMO"] = "1"
     started = time.monotonic()
     remove_topology()
     build_topology()
