@@ -101,6 +101,5 @@ class Signals(AgentTestCase):
             self.assertLogged(agent, "Signalled! ", count=dumps)
         done.set()
         sender.join()
-        self.assertGreater(len(answers), 30)
         self.assertEqual(answers, [answer(MSG_PAL, 2, be32(0x1000 + n) + be32(1)) for n in range(len(answers))])
         self.assertLogged(agent, "SADBHANDLE [1] REQID [1] TUNNELID [-1]", count=3)
