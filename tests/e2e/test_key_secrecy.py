@@ -14,27 +14,15 @@ import tempfile
 
 from fake_kernel import agent_on_fake_kernel
 from sandbox import AgentTestCase
-from test_rp_road import KEYS, TOOL
+from test_rp_road import CLOSE, OPEN, TOOL
 
 KEY = {name: hashlib.sha256(name.encode()).digest()[:size] for name, size in (
     ("in-cipher", 16), ("in-mac", 20), ("out-cipher", 16), ("out-mac", 20), ("lone-cipher", 16))}
-ROAD = f"""init-start --create 0x500 --callback 1
-sadb complete --sadb $sadb --callback 2
-attach --sadb $sadb --tunnel-id 7 --callback 3
-acl install --sadb $sadb --ace 10.1.0.0/16:10.2.0.0/16:tcp:1000:2000 --out notify:0x77 --callback 4
-keys --index 0x11 --sa 0x1001 --spi 0x1111 --src 10.0.0.2 --dst 10.0.0.1 \
- {KEYS.format(KEY['in-cipher'].hex(), KEY['in-mac'].hex())} --callback 5
-keys --index 0x22 --sa 0x2002 --outbound --spi 0x2222 --src 10.0.0.1 --dst 10.0.0.2 \
- {KEYS.format(KEY['out-cipher'].hex(), KEY['out-mac'].hex())} --callback 6
-spi-insert --sadb $sadb --spi 0x1111 --dest 10.0.0.1/24 --src 10.0.0.2 --decrypt decrypt:0x1001:5:7 --callback 7
-cflow-insert --sadb $sadb --ivrf 6 --encrypt encrypt:0x2002:3 --callback 8
-keys --index 0x33 --sa 0x3003 --spi 0x3333 --src 10.0.0.2 --dst 10.0.0.1 --cipher aes --key \
- {KEY['lone-cipher'].hex()} --mac sha1 --callback 9
-delete-flow --flow-id 0x22 --callback 10
-delete-flow --flow-id 0x11 --callback 11
-detach --tunnel-id 7 --callback 12
-sadb delete --sadb 1 --callback 13
-"""
+# The road of test_rp_road with these keys, and keys that configure an ESP MAC but carry no MAC key.
+ROAD = OPEN.replace("aa" * 16, KEY["in-cipher"].hex()).replace("bb" * 20, KEY["in-mac"].hex()) \
+    .replace("cc" * 16, KEY["out-cipher"].hex()).replace("dd" * 20, KEY["out-mac"].hex()) + \
+    f"keys --index 0x33 --sa 0x3003 --spi 0x3333 --src 10.0.0.2 --dst 10.0.0.1 --cipher aes " \
+    f"--key {KEY['lone-cipher'].hex()} --mac sha1 --callback 0xCB0A\n" + CLOSE
 
 
 def traces(key):
