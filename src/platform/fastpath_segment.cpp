@@ -4,8 +4,8 @@
 #include <sys/mman.h>
 
 #include <array>
-#include <utility>
 #include <cstring>
+#include <utility>
 
 #include "base/log.h"
 #include "platform/fp_shmem.h"

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <string>
+#include <utility>
 
 namespace cpa {
 namespace {
