@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Plays the RP for one tunnel's whole life against build/ipsec_cpa, which
+"""Plays the RP for one tunnel's whole life against build/ipsec_cpa_test, which
 programs the fake platform kernel (build/fake_xfrm_kernel_server) and reads
 its flows' counters from a fast-path segment this script writes."""
 

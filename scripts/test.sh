@@ -30,10 +30,10 @@ ASAN_OPTIONS=detect_leaks=1 ./build-asan/unit_tests --gtest_brief=1
 step "the RP package (tools/cpa_rp)"
 "$python" -m unittest discover -s tests/tools -p 'test_*.py'
 
-step "end-to-end (plain agent)"
-(cd tests/e2e && CPA_BINARY="$PWD/../../build/ipsec_cpa" "$python" -m unittest discover -s . -p 'test_*.py')
-step "end-to-end (ASan+UBSan agent)"
-(cd tests/e2e && CPA_BINARY="$PWD/../../build-asan/ipsec_cpa" "$python" -m unittest discover -s . -p 'test_*.py')
+step "end-to-end (plain agent, test build)"
+(cd tests/e2e && CPA_BINARY="$PWD/../../build/ipsec_cpa_test" "$python" -m unittest discover -s . -p 'test_*.py')
+step "end-to-end (ASan+UBSan agent, test build)"
+(cd tests/e2e && CPA_BINARY="$PWD/../../build-asan/ipsec_cpa_test" "$python" -m unittest discover -s . -p 'test_*.py')
 
 step "install: scratch DESTDIR, service unit, manuals, Debian package"
 bash tests/install/test_install.sh build

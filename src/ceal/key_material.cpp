@@ -85,10 +85,8 @@ bool esp_mac_key_missing(const kestrix_ce_cipher_list_t& cipher, int16_t left) {
   return true;
 }
 
-// The request as native 32-bit words from the first byte of `ceal_api`, as
-// far as message_length and the received bytes both reach.
-void dump_request(ReceivedBytes msg, uint16_t message_length) {
-  const ReceivedBytes api = msg.slice(kCealBodyOffset, message_length);
+// `api` as native 32-bit words, eight to a line, then the bytes left over.
+void dump_words(ReceivedBytes api) {
   const auto word = [&api](size_t at) { return api.read<uint32_t>(at).value_or(0); };
   size_t pos = 0;
   for (; api.size() - pos >= 32; pos += 32)
@@ -96,6 +94,16 @@ void dump_request(ReceivedBytes msg, uint16_t message_length) {
             word(pos + 8), word(pos + 12), word(pos + 16), word(pos + 20), word(pos + 24), word(pos + 28));
   for (; api.size() - pos >= 4; pos += 4) cpa_log(LOG_DEBUG, "0x%08x ", word(pos));
   for (; pos < api.size(); ++pos) cpa_log(LOG_DEBUG, "0x%02x ", api.data()[pos]);
+}
+
+// The request as native 32-bit words from the first byte of `ceal_api`, as
+// far as message_length and the received bytes both reach, but never into
+// the key area: one line counts the key bytes left out.
+void dump_request(ReceivedBytes msg, uint16_t message_length) {
+  const ReceivedBytes whole = msg.slice(kCealBodyOffset, message_length);
+  const ReceivedBytes api = whole.slice(0, kCealKeyAreaOffset - kCealBodyOffset);
+  dump_words(api);
+  cpa_log(LOG_DEBUG, "request dump left out %zu key bytes", whole.size() - api.size());
 }
 
 void log_esp_mac_missing(const kestrix_ce_cipher_info& c, ReceivedBytes msg, uint16_t message_length) {

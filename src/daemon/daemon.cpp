@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <linux/if_ether.h>
 #include <netinet/in.h>
+#include <string.h>
+#include <sys/prctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -154,7 +156,9 @@ class EventLoop {
       sockaddr_in source{};
       socklen_t source_length = sizeof source;
       const ssize_t n = rp_.link.kestrix_pal_recvfrom(buffer_, sizeof buffer_, &source, &source_length, rp_.filter);
-      if (n > 0) kestrix_pal_process_msg(agent_, ReceivedBytes(buffer_, static_cast<size_t>(n)));
+      if (n <= 0) return;
+      kestrix_pal_process_msg(agent_, ReceivedBytes(buffer_, static_cast<size_t>(n)));
+      explicit_bzero(buffer_, static_cast<size_t>(n));  // a key request's keys
     } else if (fd == sockets_.nlmon_fd.get()) {
       cpa_log(LOG_DEBUG, "got notification from netlink");
       kestrix_nlink_listener(listener_, fd);
@@ -177,6 +181,8 @@ class EventLoop {
 }  // namespace
 
 int run_agent(int argc, char* argv[]) {
+  // No core image or ptrace peek of another user may read the keys it holds.
+  prctl(PR_SET_DUMPABLE, 0);
   open_agent_syslog();
   kestrix_reg_sighdlr();
   const std::optional<Options> opts = parse_options(argc, argv, stdout);

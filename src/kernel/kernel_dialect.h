@@ -7,6 +7,7 @@
 // dialect built the request.
 #pragma once
 
+#include <string.h>
 #include <sys/socket.h>
 
 #include <cstddef>
@@ -61,6 +62,8 @@ struct XfrmRequest {
   explicit XfrmRequest(const NetlinkTransport& nl) : port_id(nl.port_id()), devices(nl.devices()) {}
   XfrmRequest(const XfrmRequest&) = delete;
   XfrmRequest& operator=(const XfrmRequest&) = delete;
+  // An SA add carries its keys: none stays in the buffer after the send.
+  ~XfrmRequest() { explicit_bzero(buffer.data(), buffer.size()); }
 
   // Starts the message: a header asking for an acknowledgement, and the body.
   template <class Body>

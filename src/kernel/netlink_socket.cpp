@@ -13,6 +13,21 @@
 namespace cpa {
 namespace {
 
+// When CPA_FAKE_XFRM_KERNEL names a unix seqpacket socket, the agent's
+// XFRM sockets are connections to it instead of NETLINK_XFRM sockets: the
+// end-to-end tests serve a fake platform kernel there. Binding such a socket
+// sends its sockaddr_nl as the first packet, so that the fake kernel learns
+// the group mask; everything after that is netlink framing as usual
+// (sendto's address is ignored on a connected seqpacket socket). Only the
+// test binary looks at it: the installed agent always talks to the kernel.
+const char* fake_kernel_path() {
+#ifdef CPA_TEST_SEAMS
+  return std::getenv("CPA_FAKE_XFRM_KERNEL");
+#else
+  return nullptr;
+#endif
+}
+
 ScopedFd connect_fake_kernel(const char* path) {
   ScopedFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   sockaddr_un server{};
@@ -34,7 +49,7 @@ ScopedFd kestrix_nlink_socket_create(uint32_t groups) {
     cpa_log(LOG_ERR, "Cannot create socket with wrong N/L group");
     return {};
   }
-  const char* fake_kernel = std::getenv(kFakeXfrmKernelVariable);
+  const char* fake_kernel = fake_kernel_path();
   ScopedFd fd = fake_kernel ? connect_fake_kernel(fake_kernel)
                             : ScopedFd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_XFRM));
   if (!fd.valid()) {

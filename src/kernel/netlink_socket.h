@@ -8,16 +8,9 @@
 
 namespace cpa {
 
-// When this environment variable names a unix seqpacket socket, the agent's
-// XFRM sockets are connections to it instead of NETLINK_XFRM sockets: the
-// end-to-end tests serve a fake platform kernel there. Binding such a socket
-// sends its sockaddr_nl as the first packet, so that the fake kernel learns
-// the group mask; everything after that is netlink framing as usual
-// (sendto's address is ignored on a connected seqpacket socket).
-inline constexpr const char* kFakeXfrmKernelVariable = "CPA_FAKE_XFRM_KERNEL";
-
 // Opens and binds a NETLINK_XFRM socket with multicast `groups` (0: the
-// request socket). Invalid when it failed (logged).
+// request socket). Invalid when it failed (logged). The test build of the
+// agent (CPA_TEST_SEAMS) may connect to a fake kernel instead.
 ScopedFd kestrix_nlink_socket_create(uint32_t groups);
 
 }  // namespace cpa

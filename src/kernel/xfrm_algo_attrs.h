@@ -2,6 +2,8 @@
 // attributes; only the header structs come from each one's own definitions.
 #pragma once
 
+#include <string.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
@@ -33,6 +35,7 @@ void append_algo(NlMessage& msg, uint16_t atype, const char* name, const kestrix
   std::memcpy(payload, &header, sizeof header);
   std::memcpy(payload + sizeof header, key.data, key_bytes(key));
   msg.put_attr(atype, payload, sizeof header + key_bytes(key));
+  explicit_bzero(payload, sizeof payload);
 }
 
 // ESP's cipher (and MAC, when it has one), then AH's MAC; false when a code

@@ -1,5 +1,7 @@
 #include "kernel/xfrm_sa.h"
 
+#include <string.h>
+
 #include <cerrno>
 
 #include "base/log.h"
@@ -19,6 +21,7 @@ int kestrix_nlink_sa_add(NetlinkTransport& nl, const kestrix_ce_cipher_list_t& s
   }
   net_buf answer;
   const int rc = nl.send(request.msg, answer);
+  explicit_bzero(answer.data(), answer.size());  // a refusal echoes the request, keys included
   cpa_log(LOG_DEBUG, "%s: netlink SA create status", rc == 0 ? "SUCCESS" : "FAIL");
   count_outcome(sctr, rc);
   return rc;

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstring>
+#include <utility>
 
 #include "base/log.h"
 #include "platform/fp_shmem.h"
@@ -113,15 +114,24 @@ FastPathStats::~FastPathStats() {
 
 void FastPathStats::kestrix_stats_sharedmem_init() {
   cpa_log(LOG_DEBUG, " Entered \n");
-  mapping_ = fp_shmem_mmap("fp-shared", nullptr, fp::kSegmentSize);
+  ShmemMapping mapped = fp_shmem_map("fp-shared", fp::kSegmentSize);
+  mapping_ = mapped.addr;
+  mapped_fd_ = std::move(mapped.fd);
   fp_shared_ = static_cast<const uint8_t*>(mapping_);
-  if (fp_shared_) {
+  if (mapped.status == ShmemStatus::kUntrusted) {
+    cpa_log(LOG_ERR, "ERROR: Fastpath shared memory is not owned by root or is writable by others, not mapped");
+  } else if (fp_shared_) {
     cpa_log(LOG_INFO,
             "SUCCESS: Fastpath shared memory mapped successfully with size = 0x%x addr = %p\n",
             static_cast<unsigned>(fp::kSegmentSize), static_cast<const void*>(fp_shared_));
   } else {
     cpa_log(LOG_ERR, "ERROR: Failed to open shared memory\n");
   }
+}
+
+const uint8_t* FastPathStats::fp_shared() const {
+  if (mapped_fd_.valid() && !fp_shmem_holds(mapped_fd_.get(), fp::kSegmentSize)) return nullptr;
+  return fp_shared_;
 }
 
 const uint8_t* FastPathStats::kestrix_stats_sad_in_lookup(uint32_t spi, uint32_t dst, uint8_t proto) const {
@@ -155,11 +165,12 @@ void FastPathStats::kestrix_stats_get_flow_counters(uint8_t* flow_stats, const u
 }
 
 void FastPathStats::kestrix_stats_get_global_sa_counters(uint8_t* g_stats) const {
-  if (!fp_shared_) {
+  const uint8_t* segment = fp_shared();
+  if (!segment) {
     cpa_log(LOG_ERR, "ERROR: Failed to open shared memory\n");
     return;
   }
-  sum_over_cores(fp_shared_ + fp::kIpsecStats, fp::kIpsecStatsRecordSize, kGlobal, g_stats);
+  sum_over_cores(segment + fp::kIpsecStats, fp::kIpsecStatsRecordSize, kGlobal, g_stats);
 }
 
 }  // namespace cpa

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "platform/fastpath_layout.h"
+#include "platform/scoped_fd.h"
 
 namespace cpa {
 
@@ -20,7 +21,9 @@ class FastPathStats {
   void kestrix_stats_sharedmem_init();
   // Reads a segment the caller owns and keeps alive instead (tests, benchmark).
   void use_segment(const uint8_t* segment) { fp_shared_ = segment; }
-  const uint8_t* fp_shared() const { return fp_shared_; }
+  // The segment, or null without one or while the object behind the mapping
+  // is smaller than the segment: asked before every read.
+  const uint8_t* fp_shared() const;
 
   // The live SA entry for an SPI and destination (host order) and a
   // protocol, or null. Needs a segment.
@@ -37,6 +40,7 @@ class FastPathStats {
  private:
   const uint8_t* fp_shared_ = nullptr;
   void* mapping_ = nullptr;  // what this object mapped and unmaps
+  ScopedFd mapped_fd_;       // the mapped object, whose size is re-checked
 };
 
 }  // namespace cpa

@@ -4,6 +4,8 @@
 // waits, then the SA that claimed it (unlink_node hands it over).
 #pragma once
 
+#include <string.h>
+
 #include <cstdint>
 
 #include "state/object_lists.h"
@@ -14,8 +16,14 @@ namespace cpa {
 inline constexpr uint16_t kMaxKeyBytes = 256;
 
 // One stored key: `type` is the key's TLV type (0 when absent), `len` the
-// number of key bytes at the start of `data`.
+// number of key bytes at the start of `data`. Its bytes are wiped when it
+// goes, so that freed memory and core images hold no key.
 struct kestrix_key_val_t {
+  kestrix_key_val_t() = default;
+  kestrix_key_val_t(const kestrix_key_val_t&) = default;
+  kestrix_key_val_t& operator=(const kestrix_key_val_t&) = default;
+  ~kestrix_key_val_t() { explicit_bzero(data, sizeof data); }
+
   uint16_t type = 0;
   uint16_t len = 0;
   uint8_t data[kMaxKeyBytes] = {};

@@ -22,7 +22,8 @@ REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 sys.path.insert(0, os.path.join(REPO, "tools"))
 from cpa_rp.link import LOOPBACK_AGENT as AGENT_ADDR, LOOPBACK_RP as RP_ADDR, RpLink  # noqa: E402
 from cpa_rp.wire import KEEPALIVE_PORT, PAL_PORT  # noqa: E402
-BINARY = os.environ.get("CPA_BINARY", os.path.join(REPO, "build", "ipsec_cpa"))
+# The test build of the agent: only it has the fake-kernel redirect.
+BINARY = os.environ.get("CPA_BINARY", os.path.join(REPO, "build", "ipsec_cpa_test"))
 
 CLONE_NEWNS = 0x00020000
 CLONE_NEWNET = 0x40000000

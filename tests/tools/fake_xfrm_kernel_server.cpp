@@ -2,7 +2,8 @@
 //
 //   fake_xfrm_kernel_server <socket path>
 //
-// Start the agent with CPA_FAKE_XFRM_KERNEL=<socket path>. The server prints
+// Start the test build of the agent (ipsec_cpa_test) with
+// CPA_FAKE_XFRM_KERNEL=<socket path>. The server prints
 // "ready" once it listens, then one line per bind ("bound groups=0x8 pid=0"),
 // request ("request type=19 len=284") and layout violation. It reads
 // commands, one per line, from its standard input:
