@@ -1,10 +1,9 @@
 // A fake of the platform kernel's NETLINK_XFRM, for tests: it serves the
-// agent's request socket on a thread of its own, checks what every request
-// holds against the platform's layouts (its own offsets, not the agent's
-// structs; zero padding is left to the byte-exact unit checks), keeps tables
-// of SAs and policies, answers as a kernel does or as a test scripts it, and
-// multicasts the kernel's events to the monitor sockets subscribed to their
-// group.
+// agent's request socket on a thread of its own, refuses requests whose
+// framing (length, flags, body size, attributes) breaks the platform's, keeps
+// tables of SAs and policies, answers as a kernel does or as a test scripts
+// it, and multicasts the kernel's events to the monitor sockets subscribed
+// to their group.
 //
 // Unit tests take the agent's ends of socketpairs from request_socket() and
 // monitor_socket(); the end-to-end server accepts the real agent on a unix
@@ -34,15 +33,10 @@ namespace cpa::test {
 
 using Message = std::vector<uint8_t>;
 
-// Multicast group masks.
-inline constexpr uint32_t kGroupAcquire = 1u << 0;
-inline constexpr uint32_t kGroupPolicy = 1u << 3;
-
 struct FakeSa {
   uint32_t daddr = 0, spi = 0;  // as sent (network order)
   uint8_t proto = 0;
   uint32_t reqid = 0;
-  Message body;     // the 224-byte body as requested
   Message request;  // the whole add, attributes included
 };
 
@@ -51,8 +45,7 @@ struct FakePolicy {
   uint8_t dir = 0;
   uint32_t index = 0;  // the fake kernel's choice
   uint32_t svti = 0;
-  uint32_t reqid = 0;  // the template's
-  Message request;     // the add or update, index filled in
+  Message request;  // the add or update, index filled in
 };
 
 // A netlink message: header, then `payload` (body and attributes).
@@ -64,11 +57,11 @@ Message nl_error(uint32_t seq, uint32_t pid, int error);
 Message policy_event(uint16_t type, uint32_t pid, uint32_t index, uint8_t dir,
                      std::optional<uint32_t> reqid);
 // An acquire from the kernel (port id 0) for the tunnel with request id `reqid`.
-Message acquire_event(std::optional<uint32_t> reqid);
-// A policy add or get/delete request in one line, read at the platform's offsets:
+Message acquire_event(uint32_t reqid);
+// A policy add or get/delete request in one line:
 // "type dir action|index src/prefix:port>dst/prefix:port proto svti [index template]".
 std::string describe_policy(const Message& m);
-// An SA add in one line, read at the platform's offsets: "destination spi=0x..
+// An SA add in one line: "destination spi=0x..
 // p<proto> reqid=<n> m<mode> r<replay window> life=<soft>/<hard> svti<index>",
 // then each algorithm as " <attr>=<name>:<key bits>:<key hex>".
 std::string describe_sa(const Message& m);
@@ -99,7 +92,7 @@ class FakeXfrmKernel {
   void multicast(uint32_t groups, const Message& message);
 
   std::vector<Message> requests() const { return locked(requests_); }
-  // What broke the platform's layouts (each such request was refused with EINVAL).
+  // What broke the platform's framing (each such request was refused with EINVAL).
   std::vector<std::string> violations() const { return locked(violations_); }
   std::vector<FakeSa> sas() const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -137,7 +130,6 @@ class FakeXfrmKernel {
   void take_datagram(Connection& conn, const Message& datagram);
   void bind_connection(Connection& conn, const Message& datagram);
   Outcome answer(const Message& request);
-  Outcome serve_request(const Message& request);
   Outcome serve_sa(uint16_t type, const Message& request);
   Outcome serve_policy(uint16_t type, const Message& request);
   void multicast_locked(uint32_t groups, const Message& message);

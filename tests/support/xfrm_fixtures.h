@@ -1,10 +1,8 @@
-// The kernel message inputs the SA and policy tests share: a cipher record
-// and an outbound policy with every field set.
+// The cipher record the SA tests share, in both kernel dialects.
 #pragma once
 
 #include <cstdint>
 
-#include "kernel/kernel_dialect.h"
 #include "state/cipher_record.h"
 
 namespace cpa::test {
@@ -31,25 +29,6 @@ inline kestrix_ce_cipher_list_t& aes_sha1(kestrix_ce_cipher_list_t& r) {
   set_key(r.esp_key_info, 16, 0x10);
   set_key(r.esp_mac_key_info, 20, 0x40);
   return r;
-}
-
-// An outbound UDP policy in tunnel mode with AH, every field set.
-inline XfrmPolicyArgs outbound_ace() {
-  XfrmPolicyArgs p;
-  p.src = 0x0a000001;  // 10.0.0.1
-  p.smask = 0x118;     // only the low byte, 24, counts
-  p.dst = 0xc0a80102;  // 192.168.1.2
-  p.dmask = 32;
-  p.sport = 500;
-  p.dport = 4500;
-  p.dir = 1;
-  p.proto = 17;
-  p.action = 1;
-  p.tunnelid = 7;
-  p.reqid = 3;
-  p.tun_mode = 1;
-  p.sec_protocol = 51;
-  return p;
 }
 
 }  // namespace cpa::test

@@ -40,7 +40,7 @@ class Listener : public ::testing::Test {
   int acquire(const Message& m) { return call(kestrix_nlink_proc_acquire, m); }
 
   KernelTestAgent t;
-  ScopedFd monitor = t.kernel.monitor_socket(kGroupPolicy);
+  ScopedFd monitor = t.kernel.monitor_socket(kXfrmGroupPolicy);
   RecordingPolicyEvents recorded;
   RecordingPolicyEvents* events = &recorded;
   NetlinkListenerContext ctx{t.agent.nlink, t.agent.tunnels, recorded, t.agent.counters.netlink_dbg_ctrs};
@@ -50,9 +50,9 @@ class Listener : public ::testing::Test {
 // (read from their own bodies), give their index to the tunnel of the template.
 TEST_F(Listener, OnlyTheKernelsAndTheAgentsOwnEventsAreHandled) {
   const uint32_t reqid = t.open_tunnel(0x100);
-  t.kernel.multicast(kGroupPolicy, policy_event(19, 4242, 0x99, 1, reqid));
-  t.kernel.multicast(kGroupPolicy, policy_event(19, 0, 0x18, 0, reqid));
-  t.kernel.multicast(kGroupPolicy, policy_event(19, getpid(), 0x21, 1, reqid));
+  t.kernel.multicast(kXfrmGroupPolicy, policy_event(19, 4242, 0x99, 1, reqid));
+  t.kernel.multicast(kXfrmGroupPolicy, policy_event(19, 0, 0x18, 0, reqid));
+  t.kernel.multicast(kXfrmGroupPolicy, policy_event(19, getpid(), 0x21, 1, reqid));
   for (int i = 0; i < 3; ++i) EXPECT_EQ(listen(), 0);
   EXPECT_EQ(t.log.count("XFRM_MSG_NEWPOLICY::"), 2);
   EXPECT_EQ(t.agent.counters.netlink_dbg_ctrs.n_notify_new_policy_req, 2u);
@@ -99,13 +99,13 @@ TEST_F(Listener, MalformedDatagramsAreLoggedAndOnlyTheFirstMessageOfOneCounts) {
   Message claims_less = policy_event(19, 0, 0x31, 1, reqid);
   claims_less[0] = 15;
   claims_less[1] = 0;
-  t.kernel.multicast(kGroupPolicy, Message{16, 0, 0, 0, 19, 0, 0, 0});
-  t.kernel.multicast(kGroupPolicy, claims_more);
-  t.kernel.multicast(kGroupPolicy, claims_less);
-  t.kernel.multicast(kGroupPolicy, policy_event(19, 0, 0x41, 1, reqid));
+  t.kernel.multicast(kXfrmGroupPolicy, Message{16, 0, 0, 0, 19, 0, 0, 0});
+  t.kernel.multicast(kXfrmGroupPolicy, claims_more);
+  t.kernel.multicast(kXfrmGroupPolicy, claims_less);
+  t.kernel.multicast(kXfrmGroupPolicy, policy_event(19, 0, 0x41, 1, reqid));
   EXPECT_EQ(listen(), 0);
   EXPECT_EQ(t.log.count("ERROR: NLMSG_OK failed!"), 3);
-  t.kernel.multicast(kGroupPolicy, two);  // a monitor socket holds only a few datagrams
+  t.kernel.multicast(kXfrmGroupPolicy, two);  // a monitor socket holds only a few datagrams
   EXPECT_EQ(listen(), 0);
   EXPECT_EQ(t.log.count("XFRM_MSG_NEWAE:"), 1);
   EXPECT_EQ(events->updates, (std::vector<RecordingPolicyEvents::Update>{{reqid, 0x41, 1}}));
@@ -131,7 +131,7 @@ TEST_F(Listener, PoliciesWithoutUsableTemplateOrTunnelChangeNothing) {
 
 TEST_F(Listener, AcquiresOfAKnownTunnelNotifyTheRp) {
   const uint32_t reqid = t.open_tunnel(0x100);
-  t.kernel.multicast(kGroupPolicy, acquire_event(reqid));
+  t.kernel.multicast(kXfrmGroupPolicy, acquire_event(reqid));
   EXPECT_EQ(listen(), 0);
   EXPECT_EQ(events->notified, std::vector<uint32_t>{reqid});
   EXPECT_TRUE(t.log.has(LOG_DEBUG, "XFRM_MSG_ACQUIRE:"));
