@@ -1,5 +1,4 @@
-// SA add and get/delete requests, byte for byte, against the fake platform
-// kernel (which also refuses any request that breaks the platform's layouts).
+// SA add and get/delete requests, byte for byte, against the fake platform kernel.
 #include "kernel/xfrm_sa.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +10,6 @@
 
 namespace cpa::test {
 namespace {
-
 
 class SaMessages : public ::testing::Test {
  protected:
@@ -46,10 +44,6 @@ TEST_F(SaMessages, AesCbcWithSha1IsHeaderBodyAndThreeAttributesByteForByte) {
           .h16(92).h16(1).text("hmac(sha1)", 64).h32(160).ramp(0x40, 20);
   EXPECT_EQ(last_request(), expected);
   EXPECT_EQ(ctr.req + ctr.resp_ok, 2u);
-  ASSERT_EQ(t.kernel.sas().size(), 1u);
-  EXPECT_EQ(t.kernel.sas()[0].reqid, 9u);
-  EXPECT_EQ(add(r, &ctr), -EEXIST);  // the kernel refuses the same SA again
-  EXPECT_EQ(ctr.resp_err, 1u);
 }
 
 TEST_F(SaMessages, AeadIsOneAttributeWithA128BitIcv) {
