@@ -14,6 +14,7 @@ namespace cpa::test {
 namespace {
 
 using Lines = std::vector<std::string>;
+const std::string kAhTunnel = " tmpl51/m1/r1";  // a policy's template, as the fake describes it
 
 const KernelBackend kPlatform = kernel_backend(KernelFlavour::kPlatform);
 const KernelBackend kStockFacts{platform_dialect(), platform_device_ops(), 8, true, true, true,
@@ -36,12 +37,10 @@ kestrix_crypto_ace ace(uint32_t h, uint32_t type = kestrix_ace_permit, uint32_t 
   return a;
 }
 
-// A policy whose outbound action notifies the RP (handle `notify`), with the
-// ACEs in list order.
-std::unique_ptr<cpa_spd_policy_t> policy(const std::vector<kestrix_crypto_ace>& aces, uint32_t notify = 0x77,
-                                         uint32_t action = CDH_ACTION_DISCARD_PACKET_NOTIFY_RP) {
+// A policy whose outbound action notifies the RP (handle `notify`), with the ACEs in list order.
+std::unique_ptr<cpa_spd_policy_t> policy(const std::vector<kestrix_crypto_ace>& aces, uint32_t notify = 0x77) {
   auto p = new_record<cpa_spd_policy_t>();
-  p->outbound.action = action;
+  p->outbound.action = CDH_ACTION_DISCARD_PACKET_NOTIFY_RP;
   p->outbound.data.notify_rp_handle = notify;
   for (auto it = aces.rbegin(); it != aces.rend(); ++it) {
     auto node = new_record<ace_netlink_t>();
@@ -140,7 +139,7 @@ TEST_P(Programming, RefusedInstallsTakeBackOnlyTheFailingAce) {
   struct Case {
     const char* what;
     std::vector<kestrix_crypto_ace> aces;
-    uint32_t action, notify;
+    uint32_t notify;          // the RP's handle, 0 for none
     std::vector<int> errors;  // per kernel request, 0: served
     ce_status_t status;
     Lines requests;
@@ -150,28 +149,23 @@ TEST_P(Programming, RefusedInstallsTakeBackOnlyTheFailingAce) {
   const size_t per_ace = stock() ? 3 : 2;
   const Lines taken_back = stock() ? Lines{policy_of(2, "in", 20)} : Lines{};
   const Case cases[] = {
-      {"outbound refused", {ace(1)}, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, 0x77, {EEXIST}, CRYPTO_ERR_INTERNAL,
-       {policy_of(1, "out")}, "Error in outbound policy creation", 0},
-      {"deny-jump ACE", {ace(3), ace(1, kestrix_ace_deny_jump)}, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, 0x77, {},
-       CRYPTO_ERR_UNSUPPORTED, join({{policy_of(3, "out")}, inbound(3)}), "ERROR: wrong ace type", per_ace},
-      {"IPv6 ACE", {ace(4, kestrix_ace_permit, 6)}, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, 0x77, {},
-       CRYPTO_ERR_INVALID, {}, nullptr, 0},
-      {"outbound action encrypts", {ace(1)}, CDH_ACTION_ENCRYPT_PACKET, 0x77, {}, CRYPTO_ERR_INVALID, {},
-       "ERROR: Can't update/add policy", 0},
-      {"notify-RP handle 0", {ace(1)}, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, 0, {}, CRYPTO_ERR_INVALID, {},
-       "ERROR: Can't update/add policy", 0},
+      {"outbound refused", {ace(1)}, 0x77, {EEXIST}, CRYPTO_ERR_INTERNAL, {policy_of(1, "out")},
+       "Error in outbound policy creation", 0},
+      {"deny-jump ACE", {ace(3), ace(1, kestrix_ace_deny_jump)}, 0x77, {}, CRYPTO_ERR_UNSUPPORTED,
+       join({{policy_of(3, "out")}, inbound(3)}), "ERROR: wrong ace type", per_ace},
+      {"IPv6 ACE", {ace(4, kestrix_ace_permit, 6)}, 0x77, {}, CRYPTO_ERR_INVALID, {}, nullptr, 0},
+      {"no RP to notify", {ace(1)}, 0, {}, CRYPTO_ERR_INVALID, {}, "ERROR: Can't update/add policy", 0},
   };
   for (const Case& c : cases) {
     t.log.clear();
     for (int e : c.errors) t.kernel.refuse_next(e);
     const size_t before = t.kernel.policies().size();
-    EXPECT_EQ(program.install_policy(tunnel(), policy(c.aces, c.notify, c.action).get(), 0), c.status) << c.what;
+    EXPECT_EQ(program.install_policy(tunnel(), policy(c.aces, c.notify).get(), 0), c.status) << c.what;
     EXPECT_EQ(kernel_requests(), c.requests) << c.what;
     EXPECT_TRUE(!c.line || t.log.has(LOG_ERR, c.line)) << c.what;
     EXPECT_EQ(t.kernel.policies().size() - before, c.kept) << c.what;
   }
-  // The inbound policy refused in its last direction: the directions before
-  // it and the ACE's outbound policy are taken back, by selector.
+  // The inbound policy refused in its last direction: the ones before and the outbound one are taken back.
   for (size_t i = 0; i + 1 < per_ace * 2; ++i) t.kernel.refuse_next(0);
   t.kernel.refuse_next(EEXIST);
   EXPECT_EQ(program.install_policy(tunnel(), policy({ace(1), ace(2)}).get(), 0), CRYPTO_ERR_INTERNAL);
@@ -189,14 +183,12 @@ TEST_P(Programming, RemovalGoesTwinsFirstByIndexOrSelectorAndStopsAtTheFirstRefu
   EXPECT_TRUE(t.log.has(LOG_ERR, "ERROR: no ace for policy at index 1"));
 
   ASSERT_EQ(install(policy({ace(2), ace(3)})), CRYPTO_NO_ERR);
-  // The kernel's event told the index of ace(3)'s inbound policy (added after
-  // out(2), in(2), [fwd(2),] out(3)).
+  // The kernel's event told the index of ace(3)'s inbound policy (after out(2), in(2), [fwd(2),] out(3)).
   const int told = static_cast<int>(t.kernel.policies()[stock() ? 4 : 3].index);
   tunnel().head_policy.head()->ace_entry.head()->k_index = told;
   kernel_requests();
   ASSERT_EQ(program.remove_newest_policy(tunnel(), slot), CRYPTO_NO_ERR);
-  const int index = stock() ? 0 : told;
-  Lines expected{policy_of(3, "in", 20, 0, "", index)};
+  Lines expected{policy_of(3, "in", 20, 0, "", stock() ? 0 : told)};
   if (stock()) expected.push_back(policy_of(3, "fwd", 20));
   expected = join({expected, inbound(2, 20), {policy_of(2, "out", 20), policy_of(3, "out", 20)}});
   EXPECT_EQ(kernel_requests(), expected);
@@ -225,10 +217,9 @@ TEST_P(Programming, ReprogrammingUpdatesEveryAceAndTwinUnlessTheTemplatesFollowT
   kernel_requests();
 
   ASSERT_EQ(program.reprogram(tunnel(), 1, kIpProtoAh), 0);
-  const std::string ah_tunnel = " tmpl51/m1/r1";
   // The twin of the deny ACE goes back as allow.
-  EXPECT_EQ(kernel_requests(), (Lines{policy_of(2, "in", 25, 0, ah_tunnel), policy_of(1, "in", 25, 0, ah_tunnel),
-                                      policy_of(1, "out", 25, 0, ah_tunnel), policy_of(2, "out", 25, 1, ah_tunnel)}));
+  EXPECT_EQ(kernel_requests(), (Lines{policy_of(2, "in", 25, 0, kAhTunnel), policy_of(1, "in", 25, 0, kAhTunnel),
+                                      policy_of(1, "out", 25, 0, kAhTunnel), policy_of(2, "out", 25, 1, kAhTunnel)}));
   EXPECT_EQ(nl.n_outbound_policy_add.req, 4u);  // two from the install, two updates
   EXPECT_EQ(nl.n_inbound_policy_add.req, 2u);
 
@@ -255,12 +246,9 @@ TEST_P(Programming, SasAreHandedOverAndThePoliciesFollowANewOutboundTemplate) {
   EXPECT_EQ(t.kernel.sas().size(), 2u);
   EXPECT_EQ(kernel_requests().size(), 2u);  // the SAs only
   EXPECT_EQ(program.add_sa(tunnel(), &record(tunnel_ah, true, true), ctr), 0);
-  const Lines followed = join({{policy_of(1, "in", 25, 0, " tmpl51/m1/r1")},
-                               stock() ? Lines{policy_of(1, "fwd", 25, 0, " tmpl51/m1/r1")} : Lines{},
-                               {policy_of(1, "out", 25, 0, " tmpl51/m1/r1")}});
   Lines after = kernel_requests();
   after.erase(after.begin());  // the SA
-  EXPECT_EQ(after, stock() ? followed : Lines{});
+  EXPECT_EQ(after, stock() ? join({inbound(1, 25, 0, kAhTunnel), {policy_of(1, "out", 25, 0, kAhTunnel)}}) : Lines{});
   EXPECT_EQ(ctr.resp_ok, 2u);
 }
 
