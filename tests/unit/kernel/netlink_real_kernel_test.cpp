@@ -7,30 +7,15 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <functional>
 #include <thread>
 
 #include "fakes/log_capture.h"
 #include "kernel/netlink_socket.h"
 #include "kernel/netlink_transport.h"
 #include "kernel/xfrm_policy.h"
-#include "platform/tunnel_devices.h"
 
 namespace cpa::test {
 namespace {
-
-// Runs `body` on a thread of its own that has entered a fresh network
-// namespace; false when the namespace could not be made.
-bool in_fresh_network_namespace(const std::function<void()>& body) {
-  bool entered = false;
-  std::thread([&] {
-    if (unshare(CLONE_NEWNET) != 0) return;
-    entered = true;
-    body();
-  }).join();
-  return entered;
-}
 
 uint32_t bound_groups(int fd) {
   sockaddr_nl local{};
@@ -41,7 +26,10 @@ uint32_t bound_groups(int fd) {
 
 TEST(RealKernel, SocketsBindToTheirGroupsAndAnAbsentPolicyIsTheKernelsError) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root for a network namespace";
-  const bool ran = in_fresh_network_namespace([] {
+  bool ran = false;
+  std::thread([&] {  // on a thread of its own, in a fresh network namespace
+    if (unshare(CLONE_NEWNET) != 0) return;
+    ran = true;
     LogCapture log;
     ScopedFd request = kestrix_nlink_socket_create(0);
     ScopedFd monitor = kestrix_nlink_socket_create(8);
@@ -56,24 +44,7 @@ TEST(RealKernel, SocketsBindToTheirGroupsAndAnAbsentPolicyIsTheKernelsError) {
     const XfrmPolicyArgs policy{.dst = 0x0a000002, .dmask = 32, .dir = 1};
     EXPECT_EQ(kestrix_nlink_policy_getordel(nl, 0, policy, 0, nullptr), -ENOENT);
     EXPECT_TRUE(log.has(LOG_ERR, "RTNETLINK answers: No such file or directory (2)\n"));
-  });
-  if (!ran) GTEST_SKIP() << "no network namespace";
-}
-
-// The xfrm interface carries the tunnel id; a kernel without them says so in the log.
-TEST(RealKernel, LinuxModeMakesTheXfrmInterfaceOrLogsThatTheKernelHasNone) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root for a network namespace";
-  const bool ran = in_fresh_network_namespace([] {
-    LogCapture log;
-    KernelNetDeviceSysCalls devices;
-    if (svti_add(devices, "svti5", xfrm_interface_device_ops()) == 0) {
-      EXPECT_EQ(std::system("ip -d link show svti5 | grep -q 'if_id 0x5'"), 0);
-      EXPECT_EQ(svti_del(devices, "svti5", xfrm_interface_device_ops()), 0);
-    } else {
-      EXPECT_TRUE(log.has(LOG_ERR,
-          "svti5: the kernel has no xfrm interfaces (CONFIG_XFRM_INTERFACE, module xfrm_interface)"));
-    }
-  });
+  }).join();
   if (!ran) GTEST_SKIP() << "no network namespace";
 }
 
