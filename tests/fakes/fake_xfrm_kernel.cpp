@@ -184,8 +184,8 @@ struct FakeXfrmKernel::Outcome {
   std::vector<Message> policy_events;
 };
 
-FakeXfrmKernel::FakeXfrmKernel(uint32_t agent_pid)
-    : agent_pid_(agent_pid), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+FakeXfrmKernel::FakeXfrmKernel(uint32_t agent_pid, std::function<void(const std::string&)> observer)
+    : agent_pid_(agent_pid), observer_(std::move(observer)), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   thread_ = std::thread([this] { serve(); });
 }
 
@@ -229,16 +229,6 @@ bool FakeXfrmKernel::listen_at(const std::string& path) {
   return true;
 }
 
-void FakeXfrmKernel::reset() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  next_index_ = 8;
-  scripts_.clear();
-  requests_.clear();
-  violations_.clear();
-  sas_.clear();
-  policies_.clear();
-}
-
 void FakeXfrmKernel::refuse_next(int error) {
   std::lock_guard<std::mutex> lock(mutex_);
   scripts_.push_back({error, {}});
@@ -260,13 +250,9 @@ void FakeXfrmKernel::multicast_locked(uint32_t groups, const Message& message) {
       (void)!send(conn.fd.get(), message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
-void FakeXfrmKernel::note(const std::string& what) {
-  if (observer_) observer_(what);
-}
-
 void FakeXfrmKernel::violation(const std::string& what) {
   violations_.push_back(what);
-  note("violation: " + what);
+  if (observer_) observer_("violation: " + what);
 }
 
 void FakeXfrmKernel::serve() {
@@ -306,7 +292,6 @@ void FakeXfrmKernel::take_datagram(Connection& conn, const Message& datagram) {
   if (!conn.bound) return bind_connection(conn, datagram);
   if (conn.groups != 0) return violation("a monitor socket sent " + std::to_string(datagram.size()) + " bytes");
   requests_.push_back(datagram);
-  note("request type=" + std::to_string(u16_at(datagram, 4)) + " len=" + std::to_string(datagram.size()));
   const Outcome outcome = answer(datagram);
   for (const Message& a : outcome.answers)
     (void)!send(conn.fd.get(), a.data(), a.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -326,7 +311,7 @@ void FakeXfrmKernel::bind_connection(Connection& conn, const Message& datagram) 
     agent_pid_ = static_cast<uint32_t>(peer.pid);
   char text[64];
   std::snprintf(text, sizeof text, "bound groups=0x%x pid=%u", conn.groups, addr->nl_pid);
-  note(text);
+  if (observer_) observer_(text);
 }
 
 FakeXfrmKernel::Outcome FakeXfrmKernel::answer(const Message& request) {

@@ -68,7 +68,9 @@ std::string describe_sa(const Message& m);
 
 class FakeXfrmKernel {
  public:
-  explicit FakeXfrmKernel(uint32_t agent_pid = static_cast<uint32_t>(getpid()));
+  // `observer` is told of every bind and violation, on the serving thread.
+  explicit FakeXfrmKernel(uint32_t agent_pid = static_cast<uint32_t>(getpid()),
+                          std::function<void(const std::string&)> observer = {});
   ~FakeXfrmKernel();
   FakeXfrmKernel(const FakeXfrmKernel&) = delete;
   FakeXfrmKernel& operator=(const FakeXfrmKernel&) = delete;
@@ -79,10 +81,6 @@ class FakeXfrmKernel {
   ScopedFd monitor_socket(uint32_t groups);
   // Accepts agents on a unix seqpacket socket at `path`. False when it cannot.
   bool listen_at(const std::string& path);
-
-  // Forgets every table, request, violation and script: a fresh kernel for
-  // the next fuzz input without a thread of its own.
-  void reset();
 
   // The next request is refused with `error`, tables untouched (0: served as usual).
   void refuse_next(int error);
@@ -101,12 +99,6 @@ class FakeXfrmKernel {
     return all;
   }
   std::vector<FakePolicy> policies() const { return locked(policies_); }
-
-  // Told of every bind, request and violation, on the serving thread.
-  void set_observer(std::function<void(const std::string&)> observer) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    observer_ = std::move(observer);
-  }
 
  private:
   struct Connection {
@@ -133,7 +125,6 @@ class FakeXfrmKernel {
   Outcome serve_sa(uint16_t type, const Message& request);
   Outcome serve_policy(uint16_t type, const Message& request);
   void multicast_locked(uint32_t groups, const Message& message);
-  void note(const std::string& what);
   void violation(const std::string& what);
 
   mutable std::mutex mutex_;
@@ -147,7 +138,7 @@ class FakeXfrmKernel {
   // By destination, SPI and protocol, so that a full table answers as fast as an empty one.
   std::map<std::tuple<uint32_t, uint32_t, uint8_t>, FakeSa> sas_;
   std::vector<FakePolicy> policies_;
-  std::function<void(const std::string&)> observer_;
+  const std::function<void(const std::string&)> observer_;
   ScopedFd wake_;
   bool stopping_ = false;
   std::thread thread_;

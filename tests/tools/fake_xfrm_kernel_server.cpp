@@ -3,9 +3,8 @@
 //   fake_xfrm_kernel_server <socket path>
 //
 // Start the agent with CPA_FAKE_XFRM_KERNEL=<socket path>. The server prints
-// "ready" once it listens, then one line per bind ("bound groups=0x8 pid=0"),
-// request ("request type=19 len=284") and layout violation. It reads
-// commands, one per line, from its standard input:
+// "ready" once it listens, then one line per bind ("bound groups=0x8 pid=0")
+// and framing violation. It reads commands, one per line, from its standard input:
 //   acquire <group mask> <reqid>             multicast an acquire for that request id
 //   policies                                 print the policy table, one line each:
 //     "policy 19 dir1 act0 10.0.0.1/24:1001>192.168.1.1/16:2001 p17 svti2 idx9 tmpl50/m0/r1"
@@ -68,8 +67,7 @@ int main(int argc, char* argv[]) {
     std::fprintf(stderr, "usage: %s <socket path>\n", argv[0]);
     return 2;
   }
-  cpa::test::FakeXfrmKernel kernel(0);
-  kernel.set_observer(say);
+  cpa::test::FakeXfrmKernel kernel(0, say);
   if (!kernel.listen_at(argv[1])) {
     std::perror("listen");
     return 1;

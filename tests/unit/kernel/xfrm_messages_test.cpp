@@ -45,9 +45,13 @@ kestrix_ce_cipher_list_t& aes_sha1(kestrix_ce_cipher_list_t& r) {
   return r;
 }
 
-class SaMessages : public ::testing::Test {
+class XfrmMessages : public ::testing::Test {
  protected:
-  SaMessages() { t.devices.add_device("svti5"); }
+  XfrmMessages() {
+    t.devices.add_device("svti5");
+    t.devices.add_device("svti7");
+  }
+  uint32_t svti7() const { return static_cast<uint32_t>(t.devices.device("svti7")->ifindex); }
   int add(const kestrix_ce_cipher_list_t& r, cpa_netlink_ctr_t* ctr = nullptr, uint8_t window = 32) {
     return kestrix_nlink_sa_add(t.agent.nlink, r, 5, 9, ctr, window);
   }
@@ -58,7 +62,10 @@ class SaMessages : public ::testing::Test {
     return Message(m.begin() + std::min(m.size(), from), m.end());
   }
   KernelTestAgent t;
+  cpa_netlink_ctr_t& ctr = t.agent.counters.netlink_dbg_ctrs.n_outbound_policy_add;
 };
+using SaMessages = XfrmMessages;
+using PolicyMessages = XfrmMessages;
 
 TEST_F(SaMessages, AesCbcWithSha1IsHeaderBodyAndThreeAttributesByteForByte) {
   cpa_netlink_ctr_t ctr;
@@ -163,21 +170,11 @@ XfrmPolicyArgs outbound_ace() {
           .dir = 1, .proto = 17, .tunnelid = 7, .action = 1, .reqid = 3, .tun_mode = 1, .sec_protocol = 51};
 }
 
-// The selector of outbound_ace(): destination, source, ports with full masks,
-// AF_INET, prefixes, protocol.
+// The selector of outbound_ace(): destination, source, ports with full masks, AF_INET, prefixes, protocol.
 Bytes selector() {
   return Bytes().be32(0xc0a80102).zeros(12).be32(0x0a000001).zeros(12)
       .be16(4500).h16(0xffff).be16(500).h16(0xffff).h16(2).u8(32).u8(24).u8(17).zeros(11);
 }
-
-class PolicyMessages : public ::testing::Test {
- protected:
-  PolicyMessages() { t.devices.add_device("svti7"); }
-  uint32_t svti7() const { return static_cast<uint32_t>(t.devices.device("svti7")->ifindex); }
-  Message last_request() { return t.kernel.requests().back(); }
-  KernelTestAgent t;
-  cpa_netlink_ctr_t& ctr = t.agent.counters.netlink_dbg_ctrs.n_outbound_policy_add;
-};
 
 TEST_F(PolicyMessages, AddIsHeaderBodySvtiIndexAndTemplateByteForByte) {
   ASSERT_EQ(kestrix_nlink_policy_add(t.agent.nlink, 0, outbound_ace(), &ctr), 0);
