@@ -374,9 +374,11 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::serve_policy(uint16_t type, const Messag
     Message deleted = slice(request, kHdr, sizeof id);
     std::memcpy(deleted.data() + offsetof(xfrm_userpolicy_id, index), &found->index, sizeof found->index);
     policies_.erase(found);
-    return {{error_answer(request, 0, agent_pid_)}, {nl_message(XFRM_MSG_DELPOLICY, 0, seq, agent_pid_, deleted)}};
+    const Message event = nl_message(XFRM_MSG_DELPOLICY, 0, seq, agent_pid_, deleted);
+    return {{error_answer(request, 0, agent_pid_)}, {event}};
   }
-  if (found != policies_.end() && type == XFRM_MSG_NEWPOLICY) return {{error_answer(request, EEXIST, agent_pid_)}, {}};
+  if (found != policies_.end() && type == XFRM_MSG_NEWPOLICY)
+    return {{error_answer(request, EEXIST, agent_pid_)}, {}};
   p.index = found != policies_.end() ? found->index : next_index_ | p.dir;
   std::memcpy(p.request.data() + kHdr + offsetof(xfrm_userpolicy_info_64, index), &p.index, sizeof p.index);
   const Message event = Built(type, 0, seq, agent_pid_, p.request.data() + kHdr, p.request.size() - kHdr)
