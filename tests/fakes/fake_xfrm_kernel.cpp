@@ -104,7 +104,6 @@ Message error_answer(const Message& request, int err, uint32_t pid) {
 
 }  // namespace
 
-// ---- Messages the kernel sends ---------------------------------------------
 
 Message nl_message(uint16_t type, uint16_t flags, uint32_t seq, uint32_t pid, const Message& payload) {
   return Built(type, flags, seq, pid, payload.data(), payload.size()).take();
@@ -177,7 +176,6 @@ std::string describe_sa(const Message& m) {
   return line;
 }
 
-// ---- The fake kernel ---------------------------------------------------------
 
 struct FakeXfrmKernel::Outcome {
   std::vector<Message> answers;

@@ -1,17 +1,12 @@
-// A fake of the platform kernel's NETLINK_XFRM, for tests: it serves the
-// agent's request socket on a thread of its own, refuses requests whose
-// framing (length, flags, body size, attributes) breaks the platform's, keeps
-// tables of SAs and policies, answers as a kernel does or as a test scripts
-// it, and multicasts the kernel's events to the monitor sockets subscribed
-// to their group.
+// A fake of the platform kernel's NETLINK_XFRM, for tests: on a thread of its own it serves the agent's
+// request socket, refuses requests whose framing (length, flags, body size, attributes) breaks the
+// platform's, keeps tables of SAs and policies, answers as a kernel does or as a test scripts it, and
+// multicasts the kernel's events to the monitor sockets subscribed to their group. Those hold only a few
+// datagrams (the unix datagram queue): the rest is dropped, as a kernel does with an overrun socket.
 //
-// Unit tests take the agent's ends of socketpairs from request_socket() and
-// monitor_socket(); the end-to-end server accepts the real agent on a unix
-// seqpacket socket (listen_at), where each connection's first packet is the
-// sockaddr_nl the agent binds it with.
-//
-// Monitor sockets hold only a few datagrams (the unix datagram queue); the
-// fake drops what does not fit, as a kernel does with an overrun socket.
+// Unit tests take the agent's ends of socketpairs from request_socket() and monitor_socket(); the
+// end-to-end server accepts the real agent on a unix seqpacket socket (listen_at), where each
+// connection's first packet is the sockaddr_nl the agent binds it with.
 #pragma once
 
 #include <unistd.h>

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cstring>
+#include <tuple>
 
 #include "fakes/kernel_test_agent.h"
 #include "support/wire_builder.h"
@@ -11,12 +12,9 @@
 namespace cpa::test {
 namespace {
 
+using Update = std::tuple<uint32_t, uint32_t, uint8_t>;  // tunnel's request id, kernel index, direction
+
 struct RecordingPolicyEvents final : KernelPolicyEvents {
-  struct Update {
-    uint32_t index, k_index;
-    uint8_t dir;
-    bool operator==(const Update&) const = default;
-  };
   int kestrix_policy_index_update(uint32_t index, uint32_t k_index, uint8_t dir) override {
     updates.push_back({index, k_index, dir});
     return 0;
@@ -60,8 +58,8 @@ TEST_F(Listener, OnlyTheKernelsAndTheAgentsOwnEventsAreHandled) {
   const Bytes tmpl = Bytes().h16(68).h16(5).zeros(44).h32(reqid).zeros(16);
   EXPECT_EQ(policy(nl_message(20, 0, 0, 0, Bytes().zeros(56).h32(0x29).u8(1).zeros(3).append(tmpl))), 0);
   EXPECT_EQ(policy(nl_message(27, 0, 0, 0, Bytes().zeros(180).h32(0x3a).u8(2).zeros(15).append(tmpl))), 0);
-  EXPECT_EQ(events.updates, (std::vector<RecordingPolicyEvents::Update>{
-                                 {reqid, 0x18, 0}, {reqid, 0x21, 1}, {reqid, 0x29, 1}, {reqid, 0x3a, 2}}));
+  EXPECT_EQ(events.updates,
+            (std::vector<Update>{{reqid, 0x18, 0}, {reqid, 0x21, 1}, {reqid, 0x29, 1}, {reqid, 0x3a, 2}}));
 }
 
 TEST_F(Listener, EveryOtherEventIsOnlyLogged) {
@@ -106,7 +104,7 @@ TEST_F(Listener, MalformedDatagramsAreLoggedAndOnlyTheFirstMessageOfOneCounts) {
   t.kernel.multicast(kXfrmGroupPolicy, two);  // a monitor socket holds only a few datagrams
   EXPECT_EQ(listen(), 0);
   EXPECT_EQ(t.log.count("XFRM_MSG_NEWAE:"), 1);
-  EXPECT_EQ(events.updates, (std::vector<RecordingPolicyEvents::Update>{{reqid, 0x41, 1}}));
+  EXPECT_EQ(events.updates, (std::vector<Update>{{reqid, 0x41, 1}}));
 }
 
 TEST_F(Listener, PoliciesWithoutUsableTemplateOrTunnelChangeNothing) {
