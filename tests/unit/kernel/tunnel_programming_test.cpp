@@ -115,7 +115,7 @@ TEST_P(Programming, FollowsTheTranscriptOfItsBackend) {
   step("install ace 3 and deny-jump ace 1", [&] { return install(policy({ace(3), ace(1, kestrix_ace_deny_jump)})); });
   step("install an IPv6 ace", [&] { return install(policy({ace(4, kestrix_ace_permit, 6)})); });
   step("install without an RP to notify", [&] { return install(policy({ace(4)}, 0)); });
-  for (int i = 0; i + 1 < (stock() ? 6 : 4); ++i) t.kernel.refuse_next(0);
+  for (int i = 0; i + 1 < (stock() ? 6 : 4); ++i) t.kernel.refuse_next(0);  // served up to the last one
   t.kernel.refuse_next(EEXIST);
   step("install aces 4 and 5, the last inbound refused", [&] { return install(policy({ace(4), ace(5)})); });
 
@@ -124,7 +124,7 @@ TEST_P(Programming, FollowsTheTranscriptOfItsBackend) {
   EXPECT_TRUE(t.log.has(LOG_DEBUG, "Null sa info"));
   kestrix_ce_cipher_list_t inbound_ah, transport_esp, tunnel_ah;
   const auto add = [&](kestrix_ce_cipher_list_t& r, cpa_netlink_ctr_t& ctr) {
-    return [&] { return program.add_sa(tunnel(), &r, ctr); };
+    return [this, r = &r, ctr = &ctr] { return program.add_sa(tunnel(), r, *ctr); };
   };
   step("add inbound AH", add(record(inbound_ah, true, true, false), nl.n_inbound_sa_add));
   step("add ESP transport", add(record(transport_esp, false, false), nl.n_outbound_sa_add));
