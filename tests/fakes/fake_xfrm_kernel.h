@@ -1,18 +1,12 @@
-// A fake of the platform kernel's NETLINK_XFRM, for tests: it serves the
-// agent's request socket on a thread of its own, checks what every request
-// holds against the platform's layouts (its own offsets, not the agent's
-// structs; zero padding is left to the byte-exact unit checks), keeps tables
-// of SAs and policies, answers as a kernel does or as a test scripts it, and
-// multicasts the kernel's events to the monitor sockets subscribed to their
-// group.
+// A fake of the platform kernel's NETLINK_XFRM, for tests: on a thread of its own it serves the agent's
+// request socket, refuses requests whose framing (length, flags, body size, attributes) breaks the
+// platform's, keeps tables of SAs and policies, answers as a kernel does or as a test scripts it, and
+// multicasts the kernel's events to the monitor sockets subscribed to their group. Those hold only a few
+// datagrams (the unix datagram queue): the rest is dropped, as a kernel does with an overrun socket.
 //
-// Unit tests take the agent's ends of socketpairs from request_socket() and
-// monitor_socket(); the end-to-end server accepts the real agent on a unix
-// seqpacket socket (listen_at), where each connection's first packet is the
-// sockaddr_nl the agent binds it with.
-//
-// Monitor sockets hold only a few datagrams (the unix datagram queue); the
-// fake drops what does not fit, as a kernel does with an overrun socket.
+// Unit tests take the agent's ends of socketpairs from request_socket() and monitor_socket(); the
+// end-to-end server accepts the real agent on a unix seqpacket socket (listen_at), where each
+// connection's first packet is the sockaddr_nl the agent binds it with.
 #pragma once
 
 #include <unistd.h>
@@ -34,15 +28,10 @@ namespace cpa::test {
 
 using Message = std::vector<uint8_t>;
 
-// Multicast group masks.
-inline constexpr uint32_t kGroupAcquire = 1u << 0;
-inline constexpr uint32_t kGroupPolicy = 1u << 3;
-
 struct FakeSa {
   uint32_t daddr = 0, spi = 0;  // as sent (network order)
   uint8_t proto = 0;
   uint32_t reqid = 0;
-  Message body;     // the 224-byte body as requested
   Message request;  // the whole add, attributes included
 };
 
@@ -51,8 +40,7 @@ struct FakePolicy {
   uint8_t dir = 0;
   uint32_t index = 0;  // the fake kernel's choice
   uint32_t svti = 0;
-  uint32_t reqid = 0;  // the template's
-  Message request;     // the add or update, index filled in
+  Message request;  // the add or update, index filled in
 };
 
 // A netlink message: header, then `payload` (body and attributes).
@@ -64,18 +52,20 @@ Message nl_error(uint32_t seq, uint32_t pid, int error);
 Message policy_event(uint16_t type, uint32_t pid, uint32_t index, uint8_t dir,
                      std::optional<uint32_t> reqid);
 // An acquire from the kernel (port id 0) for the tunnel with request id `reqid`.
-Message acquire_event(std::optional<uint32_t> reqid);
-// A policy add or get/delete request in one line, read at the platform's offsets:
+Message acquire_event(uint32_t reqid);
+// A policy add or get/delete request in one line:
 // "type dir action|index src/prefix:port>dst/prefix:port proto svti [index template]".
 std::string describe_policy(const Message& m);
-// An SA add in one line, read at the platform's offsets: "destination spi=0x..
+// An SA add in one line: "destination spi=0x..
 // p<proto> reqid=<n> m<mode> r<replay window> life=<soft>/<hard> svti<index>",
 // then each algorithm as " <attr>=<name>:<key bits>:<key hex>".
 std::string describe_sa(const Message& m);
 
 class FakeXfrmKernel {
  public:
-  explicit FakeXfrmKernel(uint32_t agent_pid = static_cast<uint32_t>(getpid()));
+  // `observer` is told of every bind and violation, on the serving thread.
+  explicit FakeXfrmKernel(uint32_t agent_pid = static_cast<uint32_t>(getpid()),
+                          std::function<void(const std::string&)> observer = {});
   ~FakeXfrmKernel();
   FakeXfrmKernel(const FakeXfrmKernel&) = delete;
   FakeXfrmKernel& operator=(const FakeXfrmKernel&) = delete;
@@ -87,10 +77,6 @@ class FakeXfrmKernel {
   // Accepts agents on a unix seqpacket socket at `path`. False when it cannot.
   bool listen_at(const std::string& path);
 
-  // Forgets every table, request, violation and script: a fresh kernel for
-  // the next fuzz input without a thread of its own.
-  void reset();
-
   // The next request is refused with `error`, tables untouched (0: served as usual).
   void refuse_next(int error);
   // The next request is answered with these datagrams, tables untouched.
@@ -99,7 +85,7 @@ class FakeXfrmKernel {
   void multicast(uint32_t groups, const Message& message);
 
   std::vector<Message> requests() const { return locked(requests_); }
-  // What broke the platform's layouts (each such request was refused with EINVAL).
+  // What broke the platform's framing (each such request was refused with EINVAL).
   std::vector<std::string> violations() const { return locked(violations_); }
   std::vector<FakeSa> sas() const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -108,12 +94,6 @@ class FakeXfrmKernel {
     return all;
   }
   std::vector<FakePolicy> policies() const { return locked(policies_); }
-
-  // Told of every bind, request and violation, on the serving thread.
-  void set_observer(std::function<void(const std::string&)> observer) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    observer_ = std::move(observer);
-  }
 
  private:
   struct Connection {
@@ -137,11 +117,9 @@ class FakeXfrmKernel {
   void take_datagram(Connection& conn, const Message& datagram);
   void bind_connection(Connection& conn, const Message& datagram);
   Outcome answer(const Message& request);
-  Outcome serve_request(const Message& request);
   Outcome serve_sa(uint16_t type, const Message& request);
   Outcome serve_policy(uint16_t type, const Message& request);
   void multicast_locked(uint32_t groups, const Message& message);
-  void note(const std::string& what);
   void violation(const std::string& what);
 
   mutable std::mutex mutex_;
@@ -155,7 +133,7 @@ class FakeXfrmKernel {
   // By destination, SPI and protocol, so that a full table answers as fast as an empty one.
   std::map<std::tuple<uint32_t, uint32_t, uint8_t>, FakeSa> sas_;
   std::vector<FakePolicy> policies_;
-  std::function<void(const std::string&)> observer_;
+  const std::function<void(const std::string&)> observer_;
   ScopedFd wake_;
   bool stopping_ = false;
   std::thread thread_;

@@ -3,8 +3,8 @@
 // datagram. The input is a sequence of datagrams: a 2-byte length, then that
 // many bytes (at most one receive buffer's worth), so that sequences of
 // requests (create, attach, ACL modify, delete...) are explored as well. The
-// kernel requests go to a fake platform kernel, reset for every input, so
-// that ACL modifications reach the policy code and the kernel's answers.
+// kernel requests go to a fresh fake platform kernel, so that ACL
+// modifications reach the policy code and the kernel's answers.
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -13,10 +13,9 @@
 #include "fakes/test_agent.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static cpa::test::FakeXfrmKernel* kernel = new cpa::test::FakeXfrmKernel;
-  kernel->reset();
+  cpa::test::FakeXfrmKernel kernel;
   cpa::test::TestAgent t;  // its log formats every line, so each format meets its arguments
-  t.agent.nlink.attach(kernel->request_socket());
+  t.agent.nlink.attach(kernel.request_socket());
   while (size >= 2) {
     size_t length = (static_cast<size_t>(data[0]) << 8 | data[1]) % 2049;
     data += 2;

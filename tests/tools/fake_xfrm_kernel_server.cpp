@@ -3,11 +3,10 @@
 //   fake_xfrm_kernel_server <socket path>
 //
 // Start the test build of the agent (ipsec_cpa_test) with
-// CPA_FAKE_XFRM_KERNEL=<socket path>. The server prints
-// "ready" once it listens, then one line per bind ("bound groups=0x8 pid=0"),
-// request ("request type=19 len=284") and layout violation. It reads
-// commands, one per line, from its standard input:
-//   acquire <group mask> <reqid>|none        multicast an acquire for that request id
+// CPA_FAKE_XFRM_KERNEL=<socket path>. The server prints "ready" once it
+// listens, then one line per bind ("bound groups=0x8 pid=0") and framing
+// violation. It reads commands, one per line, from its standard input:
+//   acquire <group mask> <reqid>             multicast an acquire for that request id
 //   policies                                 print the policy table, one line each:
 //     "policy 19 dir1 act0 10.0.0.1/24:1001>192.168.1.1/16:2001 p17 svti2 idx9 tmpl50/m0/r1"
 //   request <type>                           print the last request of that type as "hex <bytes>"
@@ -18,7 +17,6 @@
 #include <cstdio>
 #include <iostream>
 #include <mutex>
-#include <optional>
 #include <sstream>
 #include <string>
 
@@ -33,20 +31,14 @@ void say(const std::string& line) {
   std::cout << line << std::endl;
 }
 
-std::optional<uint32_t> reqid_arg(const std::string& word) {
-  if (word == "none") return std::nullopt;
-  return static_cast<uint32_t>(std::stoul(word, nullptr, 0));
-}
-
 bool run(cpa::test::FakeXfrmKernel& kernel, const std::string& line) {
   std::istringstream in(line);
   std::string verb;
   in >> verb;
   if (verb == "acquire") {
-    uint32_t groups;
-    std::string reqid;
+    uint32_t groups, reqid;
     if (!(in >> groups >> reqid)) return false;
-    kernel.multicast(groups, cpa::test::acquire_event(reqid_arg(reqid)));
+    kernel.multicast(groups, cpa::test::acquire_event(reqid));
   } else if (verb == "policies") {
     for (const cpa::test::FakePolicy& p : kernel.policies()) say("policy " + cpa::test::describe_policy(p.request));
   } else if (verb == "request") {
@@ -76,21 +68,14 @@ int main(int argc, char* argv[]) {
     std::fprintf(stderr, "usage: %s <socket path>\n", argv[0]);
     return 2;
   }
-  cpa::test::FakeXfrmKernel kernel(0);
-  kernel.set_observer(say);
+  cpa::test::FakeXfrmKernel kernel(0, say);
   if (!kernel.listen_at(argv[1])) {
     std::perror("listen");
     return 1;
   }
   say("ready");
   for (std::string line; std::getline(std::cin, line);) {
-    bool ok = false;
-    try {
-      ok = run(kernel, line);
-    } catch (const std::exception&) {
-      ok = false;
-    }
-    say(ok ? "ok" : "bad command");
+    say(run(kernel, line) ? "ok" : "bad command");
   }
   return 0;
 }

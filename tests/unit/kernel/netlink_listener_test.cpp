@@ -3,18 +3,18 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <cstring>
+#include <tuple>
+
 #include "fakes/kernel_test_agent.h"
 #include "support/wire_builder.h"
 
 namespace cpa::test {
 namespace {
 
+using Update = std::tuple<uint32_t, uint32_t, uint8_t>;  // tunnel's request id, kernel index, direction
+
 struct RecordingPolicyEvents final : KernelPolicyEvents {
-  struct Update {
-    uint32_t index, k_index;
-    uint8_t dir;
-    bool operator==(const Update&) const = default;
-  };
   int kestrix_policy_index_update(uint32_t index, uint32_t k_index, uint8_t dir) override {
     updates.push_back({index, k_index, dir});
     return 0;
@@ -40,27 +40,26 @@ class Listener : public ::testing::Test {
   int acquire(const Message& m) { return call(kestrix_nlink_proc_acquire, m); }
 
   KernelTestAgent t;
-  ScopedFd monitor = t.kernel.monitor_socket(kGroupPolicy);
-  RecordingPolicyEvents recorded;
-  RecordingPolicyEvents* events = &recorded;
-  NetlinkListenerContext ctx{t.agent.nlink, t.agent.tunnels, recorded, t.agent.counters.netlink_dbg_ctrs};
+  ScopedFd monitor = t.kernel.monitor_socket(kXfrmGroupPolicy);
+  RecordingPolicyEvents events;
+  NetlinkListenerContext ctx{t.agent.nlink, t.agent.tunnels, events, t.agent.counters.netlink_dbg_ctrs};
 };
 
 // New policies of the kernel's or the agent's own, and deletions and expiries
 // (read from their own bodies), give their index to the tunnel of the template.
 TEST_F(Listener, OnlyTheKernelsAndTheAgentsOwnEventsAreHandled) {
   const uint32_t reqid = t.open_tunnel(0x100);
-  t.kernel.multicast(kGroupPolicy, policy_event(19, 4242, 0x99, 1, reqid));
-  t.kernel.multicast(kGroupPolicy, policy_event(19, 0, 0x18, 0, reqid));
-  t.kernel.multicast(kGroupPolicy, policy_event(19, getpid(), 0x21, 1, reqid));
+  t.kernel.multicast(kXfrmGroupPolicy, policy_event(19, 4242, 0x99, 1, reqid));
+  t.kernel.multicast(kXfrmGroupPolicy, policy_event(19, 0, 0x18, 0, reqid));
+  t.kernel.multicast(kXfrmGroupPolicy, policy_event(19, getpid(), 0x21, 1, reqid));
   for (int i = 0; i < 3; ++i) EXPECT_EQ(listen(), 0);
   EXPECT_EQ(t.log.count("XFRM_MSG_NEWPOLICY::"), 2);
   EXPECT_EQ(t.agent.counters.netlink_dbg_ctrs.n_notify_new_policy_req, 2u);
   const Bytes tmpl = Bytes().h16(68).h16(5).zeros(44).h32(reqid).zeros(16);
   EXPECT_EQ(policy(nl_message(20, 0, 0, 0, Bytes().zeros(56).h32(0x29).u8(1).zeros(3).append(tmpl))), 0);
   EXPECT_EQ(policy(nl_message(27, 0, 0, 0, Bytes().zeros(180).h32(0x3a).u8(2).zeros(15).append(tmpl))), 0);
-  EXPECT_EQ(events->updates, (std::vector<RecordingPolicyEvents::Update>{
-                                 {reqid, 0x18, 0}, {reqid, 0x21, 1}, {reqid, 0x29, 1}, {reqid, 0x3a, 2}}));
+  EXPECT_EQ(events.updates,
+            (std::vector<Update>{{reqid, 0x18, 0}, {reqid, 0x21, 1}, {reqid, 0x29, 1}, {reqid, 0x3a, 2}}));
 }
 
 TEST_F(Listener, EveryOtherEventIsOnlyLogged) {
@@ -75,9 +74,9 @@ TEST_F(Listener, EveryOtherEventIsOnlyLogged) {
     EXPECT_EQ(handle(policy_event(type, 0, 0x10, 1, reqid)), 0);
     EXPECT_EQ(t.log.lines(), (std::vector<LogLine>{{LOG_DEBUG, label}})) << type;
   }
-  EXPECT_TRUE(events->updates.empty());
+  EXPECT_TRUE(events.updates.empty());
 
-  for (uint16_t type : {1, 2, 3}) {
+  for (uint16_t type : {NLMSG_NOOP, NLMSG_DONE}) {  // netlink's own types: not unknown
     t.log.clear();
     handle(nl_message(type, 0, 0, 0, {}));
     EXPECT_EQ(t.log.lines(), (std::vector<LogLine>{{LOG_DEBUG, "msg type " + std::to_string(type) + "\n"}}));
@@ -93,22 +92,19 @@ TEST_F(Listener, MalformedDatagramsAreLoggedAndOnlyTheFirstMessageOfOneCounts) {
   Message two = policy_event(30, 0, 0, 0, std::nullopt);
   const Message second = policy_event(19, 0, 0x51, 1, reqid);
   two.insert(two.end(), second.begin(), second.end());
-  Message claims_more = policy_event(19, 0, 0x31, 1, reqid);
-  claims_more[0] = 0xff;
-  claims_more[1] = 0x01;  // nlmsg_len 511 > what arrived
-  Message claims_less = policy_event(19, 0, 0x31, 1, reqid);
-  claims_less[0] = 15;
-  claims_less[1] = 0;
-  t.kernel.multicast(kGroupPolicy, Message{16, 0, 0, 0, 19, 0, 0, 0});
-  t.kernel.multicast(kGroupPolicy, claims_more);
-  t.kernel.multicast(kGroupPolicy, claims_less);
-  t.kernel.multicast(kGroupPolicy, policy_event(19, 0, 0x41, 1, reqid));
+  for (const uint16_t nlmsg_len : {511, 15}) {  // more than arrived, less than a header
+    Message lying = policy_event(19, 0, 0x31, 1, reqid);
+    std::memcpy(lying.data(), &nlmsg_len, 2);
+    t.kernel.multicast(kXfrmGroupPolicy, lying);
+  }
+  t.kernel.multicast(kXfrmGroupPolicy, Message{16, 0, 0, 0, 19, 0, 0, 0});
+  t.kernel.multicast(kXfrmGroupPolicy, policy_event(19, 0, 0x41, 1, reqid));
   EXPECT_EQ(listen(), 0);
   EXPECT_EQ(t.log.count("ERROR: NLMSG_OK failed!"), 3);
-  t.kernel.multicast(kGroupPolicy, two);  // a monitor socket holds only a few datagrams
+  t.kernel.multicast(kXfrmGroupPolicy, two);  // a monitor socket holds only a few datagrams
   EXPECT_EQ(listen(), 0);
   EXPECT_EQ(t.log.count("XFRM_MSG_NEWAE:"), 1);
-  EXPECT_EQ(events->updates, (std::vector<RecordingPolicyEvents::Update>{{reqid, 0x41, 1}}));
+  EXPECT_EQ(events.updates, (std::vector<Update>{{reqid, 0x41, 1}}));
 }
 
 TEST_F(Listener, PoliciesWithoutUsableTemplateOrTunnelChangeNothing) {
@@ -126,20 +122,20 @@ TEST_F(Listener, PoliciesWithoutUsableTemplateOrTunnelChangeNothing) {
   EXPECT_EQ(policy(unknown), 1);
   EXPECT_TRUE(t.log.has(LOG_ERR, "reqid 77 not found"));
   EXPECT_TRUE(t.log.has(LOG_ERR, " netlink process message error "));
-  EXPECT_TRUE(events->updates.empty());
+  EXPECT_TRUE(events.updates.empty());
 }
 
 TEST_F(Listener, AcquiresOfAKnownTunnelNotifyTheRp) {
   const uint32_t reqid = t.open_tunnel(0x100);
-  t.kernel.multicast(kGroupPolicy, acquire_event(reqid));
+  t.kernel.multicast(kXfrmGroupPolicy, acquire_event(reqid));
   EXPECT_EQ(listen(), 0);
-  EXPECT_EQ(events->notified, std::vector<uint32_t>{reqid});
+  EXPECT_EQ(events.notified, std::vector<uint32_t>{reqid});
   EXPECT_TRUE(t.log.has(LOG_DEBUG, "XFRM_MSG_ACQUIRE:"));
   EXPECT_EQ(t.agent.counters.netlink_dbg_ctrs.n_notify_acquire_msg, 1u);
   // Without a tunnel, as for a policy (above), with the acquire's own line.
   EXPECT_EQ(acquire(acquire_event(77)), 1);
   EXPECT_TRUE(t.log.has(LOG_ERR, "Process an acquire notification ERROR"));
-  EXPECT_EQ(events->notified.size(), 1u);
+  EXPECT_EQ(events.notified.size(), 1u);
 }
 
 TEST_F(Listener, EndOfFileAndHardErrorsEndTheCall) {

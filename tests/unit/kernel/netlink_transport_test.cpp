@@ -2,18 +2,22 @@
 
 #include <gtest/gtest.h>
 #include <linux/netlink.h>
+#include <sched.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <thread>
 
 #include "fakes/kernel_test_agent.h"
+#include "kernel/netlink_socket.h"
+#include "kernel/xfrm_policy.h"
 #include "support/wire_reader.h"
 
 namespace cpa::test {
 namespace {
 
-// A request the fake kernel serves: a policy get (80-byte header and body,
-// then an 8-byte SVTI attribute).
+// A request the fake kernel serves: a policy get (80-byte header and body, then an 8-byte SVTI attribute).
 Message policy_get() { return nl_message(21, 5, 0, 0, Bytes().zeros(40).h16(2).zeros(22).h16(8).h16(34).zeros(4)); }
 
 class Transport : public ::testing::Test {
@@ -27,9 +31,6 @@ class Transport : public ::testing::Test {
 };
 
 TEST_F(Transport, AcknowledgementAcceptsAndRefusalIsTheKernelsErrorLoggedWithItsText) {
-  EXPECT_EQ(send(nl_message(18, 5, 0, 0, Bytes().zeros(20).h16(2).zeros(18))), -ESRCH);  // no such SA
-  EXPECT_TRUE(t.log.has(LOG_ERR, "RTNETLINK answers: No such process (3)\n"));
-
   t.kernel.refuse_next(EEXIST);
   EXPECT_EQ(send(), -EEXIST);
   EXPECT_TRUE(t.log.has(LOG_ERR, "RTNETLINK answers: File exists (17)\n"));
@@ -99,6 +100,39 @@ TEST(TransportSocket, SendAndReceiveFailuresAreReported) {
   kernel.reset();
   EXPECT_EQ(nl.kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size()), -EPIPE);
   EXPECT_TRUE(log.has(LOG_ERR, "netlink send error Broken pipe (32)\n"));
+}
+
+// The agent's sockets against the running kernel, inside a network namespace made for the test (root only).
+// The stock kernel does not take the platform's adds, but answers a get of an absent policy.
+uint32_t bound_groups(int fd) {
+  sockaddr_nl local{};
+  socklen_t len = sizeof local;
+  getsockname(fd, reinterpret_cast<sockaddr*>(&local), &len);
+  return local.nl_groups;
+}
+
+TEST(RealKernel, SocketsBindToTheirGroupsAndAnAbsentPolicyIsTheKernelsError) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root for a network namespace";
+  bool ran = false;
+  std::thread([&] {  // on a thread of its own, in a fresh network namespace
+    if (unshare(CLONE_NEWNET) != 0) return;
+    ran = true;
+    LogCapture log;
+    ScopedFd request = kestrix_nlink_socket_create(0);
+    ScopedFd monitor = kestrix_nlink_socket_create(8);
+    ASSERT_TRUE(request.valid() && monitor.valid());
+    EXPECT_EQ(std::pair(bound_groups(request.get()), bound_groups(monitor.get())), std::pair(0u, 8u));
+    EXPECT_FALSE(kestrix_nlink_socket_create(0x20).valid());
+    EXPECT_TRUE(log.has(LOG_ERR, "Cannot create socket with wrong N/L group"));
+
+    KernelNetDeviceSysCalls devices;
+    NetlinkTransport nl(devices);
+    nl.attach(std::move(request));
+    const XfrmPolicyArgs policy{.dst = 0x0a000002, .dmask = 32, .dir = 1};
+    EXPECT_EQ(kestrix_nlink_policy_getordel(nl, 0, policy, 0, nullptr), -ENOENT);
+    EXPECT_TRUE(log.has(LOG_ERR, "RTNETLINK answers: No such file or directory (2)\n"));
+  }).join();
+  if (!ran) GTEST_SKIP() << "no network namespace";
 }
 
 }  // namespace

@@ -88,19 +88,5 @@ TEST(NlAttrs, TheWalkStaysWithinWhatArrivedAndSaysHowItEnded) {
   }
 }
 
-TEST(NlAttrs, LookupTakesTheFirstOfItsTypeOnlyWhenItIsLongEnough) {
-  const Message m = Bytes().h16(5).h16(1).u8(0xaa).zeros(3).h16(8).h16(2).h32(0x11223344).h16(8).h16(1).h32(7);
-  const NlAttrs attrs(ReceivedBytes(m.data(), m.size()));
-  EXPECT_EQ(attrs.read<uint32_t>(2), 0x11223344u);
-  EXPECT_FALSE(attrs.read<uint32_t>(1));  // the first of type 1 holds one byte
-  EXPECT_EQ(attrs.find(1, 1)->size(), 1u);
-  EXPECT_FALSE(attrs.find(3));
-  EXPECT_FALSE(NlAttrs(ReceivedBytes(m.data(), 10)).find(2));  // cut inside its payload
-
-  const Message msg = Bytes().h32(28).h16(16).h16(0).h32(0).h32(0).h16(1).zeros(2).h16(8).h16(2).h32(5).zeros(8);
-  EXPECT_EQ(nl_attrs_after(ReceivedBytes(msg.data(), msg.size()), 2).read<uint32_t>(2), 5u);
-  EXPECT_EQ(nl_attrs_after(ReceivedBytes(msg.data(), msg.size()), 2).walk_end(), NlWalkEnd::kExact);
-}
-
 }  // namespace
 }  // namespace cpa::test

@@ -1,6 +1,0 @@
-// The listener in linux mode, on the stock kernel's event layouts.
-#include "fuzz/listener_fuzz_body.h"
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  return fuzz_listener<cpa::KernelFlavour::kLinux>(data, size);
-}
