@@ -1,9 +1,6 @@
 #include "fakes/fake_net_devices.h"
 
-#include <linux/if_link.h>
 #include <linux/if_tun.h>
-#include <linux/netlink.h>
-#include <linux/rtnetlink.h>
 #include <netinet/in.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
@@ -11,8 +8,6 @@
 
 #include <cerrno>
 #include <cstring>
-
-#include "netlink/nl_message.h"
 
 namespace cpa::test {
 namespace {
@@ -24,36 +19,10 @@ std::string name_of(const char* field, size_t size) {
   return std::string(field, strnlen(field, size));
 }
 
-ReceivedBytes attribute(uint16_t type, ReceivedBytes attrs) {
-  return NlAttrs(attrs).find(type).value_or(ReceivedBytes());
-}
-
-// A string attribute, sent with its terminating zero.
-std::string text_of(ReceivedBytes payload) {
-  return payload.size() ? name_of(reinterpret_cast<const char*>(payload.data()), payload.size()) : std::string();
-}
-
 }  // namespace
 
-SysCallResult FakeNetDevices::route_request(const void* msg, size_t len) {
-  const auto* bytes = static_cast<const uint8_t*>(msg);
-  nlmsghdr header;
-  if (len < NLMSG_LENGTH(sizeof(ifinfomsg))) return failed(EINVAL);
-  std::memcpy(&header, bytes, sizeof header);
-  if (header.nlmsg_len != len) return failed(EINVAL);
-  route_requests.push_back(header.nlmsg_type);
-  const ReceivedBytes attrs = ReceivedBytes(bytes, len).slice(NLMSG_LENGTH(sizeof(ifinfomsg)));
-  const std::string name = text_of(attribute(IFLA_IFNAME, attrs));
-  if (header.nlmsg_type == RTM_DELLINK) return devices_.erase(name) ? ok() : failed(ENODEV);
-  if (header.nlmsg_type != RTM_NEWLINK) return failed(EOPNOTSUPP);
-  const ReceivedBytes info = attribute(IFLA_LINKINFO, attrs);
-  if (text_of(attribute(IFLA_INFO_KIND, info)) != "xfrm") return failed(EOPNOTSUPP);
-  const ReceivedBytes if_id = attribute(IFLA_XFRM_IF_ID, attribute(IFLA_INFO_DATA, info));
-  if (name.empty() || if_id.size() != sizeof(uint32_t)) return failed(EINVAL);
-  if (devices_.count(name)) return failed(EEXIST);
-  create(name, false).xfrm_if_id = *if_id.read<uint32_t>(0);
-  return ok();
-}
+// Xfrm interfaces are the real kernel's test's: this kernel has none.
+SysCallResult FakeNetDevices::route_request(const void*, size_t) { return failed(EOPNOTSUPP); }
 
 SysCallResult FakeNetDevices::new_descriptor(bool tun) {
   const int fd = next_fd_++;

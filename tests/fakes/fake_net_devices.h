@@ -25,15 +25,12 @@ class FakeNetDevices final : public NetDeviceSysCalls {
     uint32_t netmask = 0;  // network order
     bool tun = false;         // made through /dev/net/tun (else by the control device)
     bool persistent = false;  // a tun device that outlives its descriptors
-    int64_t xfrm_if_id = -1;  // an xfrm interface made over rtnetlink: its interface id
   };
 
   SysCallResult socket(int domain, int type, int protocol) override;
   SysCallResult open(const char* path, int flags) override;
   SysCallResult ioctl(int fd, unsigned long request, void* arg) override;
   SysCallResult close(int fd) override;
-  // Reads link requests as the kernel does: RTM_NEWLINK of kind "xfrm"
-  // (IFLA_IFNAME, IFLA_XFRM_IF_ID) and RTM_DELLINK by name.
   SysCallResult route_request(const void* msg, size_t len) override;
 
   // A device that exists before the agent acts, as one left by an earlier run.
@@ -51,7 +48,6 @@ class FakeNetDevices final : public NetDeviceSysCalls {
   std::vector<std::string> tunnel_ioctl_targets;  // ifr_name of each tunnel ioctl
   std::vector<ip_tunnel_parm> tunnel_parms;       // the record of each tunnel ioctl
   int bad_closes = 0;                             // closes of descriptors not open
-  std::vector<uint16_t> route_requests;           // the type of each link request
 
  private:
   struct Descriptor {

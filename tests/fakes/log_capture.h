@@ -37,9 +37,11 @@ class LogCapture final : public LogSink {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_;
   }
-  std::vector<std::string> texts() const {
+  // The texts of every line, or of those of `priority`.
+  std::vector<std::string> texts(int priority = -1) const {
     std::vector<std::string> out;
-    for (const auto& line : lines()) out.push_back(line.text);
+    for (const auto& line : lines())
+      if (priority < 0 || line.priority == priority) out.push_back(line.text);
     return out;
   }
   // Every line as "<priority> <text>", for comparing with a file of test data.

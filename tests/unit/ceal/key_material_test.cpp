@@ -103,10 +103,7 @@ TEST(CreateKeyByKeys, TakesTheKeysOfTheKeyAreaAndStoresTheRecordWhateverItHeld) 
     EXPECT_EQ(as_tlv(record.esp_key_info), c.esp) << c.name;
     EXPECT_EQ(as_tlv(record.esp_mac_key_info), c.mac) << c.name;
     EXPECT_EQ(as_tlv(record.ah_key_info), c.ah) << c.name;
-    std::vector<std::string> errors;
-    for (const LogLine& l : t.log.lines())
-      if (l.priority == LOG_ERR) errors.push_back(l.text);
-    EXPECT_EQ(errors, c.errors) << c.name;
+    EXPECT_EQ(t.log.texts(LOG_ERR), c.errors) << c.name;
   }
 }
 

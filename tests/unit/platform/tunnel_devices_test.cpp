@@ -4,13 +4,13 @@
 
 #include <gtest/gtest.h>
 #include <linux/if_tun.h>
-#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <tuple>
 
 #include "fakes/fake_net_devices.h"
 #include "fakes/log_capture.h"
@@ -18,32 +18,22 @@
 namespace cpa::test {
 namespace {
 
-class Devices : public ::testing::Test {
- protected:
-  void TearDown() override { check_descriptors(kernel); }
-  static void check_descriptors(const FakeNetDevices& k) {
-    EXPECT_EQ(k.open_descriptors(), 0);
-    EXPECT_EQ(k.bad_closes, 0);
-  }
-  static void expect_up_with_tunnel_mtu(const FakeNetDevices& k) {
-    const FakeNetDevices::Device* dev = k.device("svti7");
-    ASSERT_NE(dev, nullptr);
-    EXPECT_TRUE(dev->flags & IFF_UP);
-    EXPECT_EQ(dev->mtu, 9160);
-  }
+void check_descriptors(const FakeNetDevices& k) {
+  EXPECT_EQ(k.open_descriptors(), 0);
+  EXPECT_EQ(k.bad_closes, 0);
+}
 
-  LogCapture log;
+// Stale devices, the tun stand-in and the rest of the road are the end-to-end suite's (test_intf_attach).
+TEST(Devices, ControlDeviceCreatesAndDeletesWithThePlatformRecord) {
   FakeNetDevices kernel;
-};
-
-TEST_F(Devices, ControlDeviceCreatesAndDeletesWithThePlatformRecord) {
   kernel.control_device = true;
   ASSERT_EQ(svti_add(kernel, "svti7"), 0);
-  expect_up_with_tunnel_mtu(kernel);
-  EXPECT_FALSE(kernel.device("svti7")->tun);
+  const FakeNetDevices::Device* dev = kernel.device("svti7");
+  ASSERT_NE(dev, nullptr);
+  EXPECT_EQ(std::tuple(dev->flags & IFF_UP, dev->mtu, dev->tun), std::tuple(IFF_UP, 9160, false));
   ASSERT_EQ(svti_del(kernel, "svti7"), 0);
   EXPECT_EQ(kernel.device("svti7"), nullptr);
-
+  check_descriptors(kernel);
   ASSERT_EQ(kernel.tunnel_ioctl_targets, (std::vector<std::string>{"svti_cfg", "svti7"}));
   std::vector<uint8_t> create(312, 0), remove(312, 0);
   std::memcpy(create.data(), "svti7", 5);
@@ -55,60 +45,7 @@ TEST_F(Devices, ControlDeviceCreatesAndDeletesWithThePlatformRecord) {
   }
 }
 
-TEST_F(Devices, WithoutAControlDeviceAPersistentTunDeviceStandsIn) {
-  for (int error : {ENODEV, ENXIO}) {
-    FakeNetDevices k;
-    k.fail[kSiocAddTunnel] = error;
-    ASSERT_EQ(svti_add(k, "svti7"), 0);
-    expect_up_with_tunnel_mtu(k);
-    EXPECT_TRUE(k.device("svti7")->tun && k.device("svti7")->persistent);
-    k.fail[kSiocDelTunnel] = error;
-    ASSERT_EQ(svti_del(k, "svti7"), 0);
-    EXPECT_EQ(k.device("svti7"), nullptr);
-    check_descriptors(k);
-  }
-  EXPECT_EQ(log.count("ioctl: failed"), 0);
-}
-
-TEST_F(Devices, StaleDeviceIsDeletedAndCreatedAgainOnEitherKernel) {
-  // control device, stale device made by the tun stand-in
-  for (const auto& [control, stale_tun] : {std::pair{true, false}, {true, true}, {false, true}}) {
-    LogCapture lines;
-    FakeNetDevices k;
-    k.control_device = control;
-    k.add_device("svti7", stale_tun);
-    const int stale_index = k.device("svti7")->ifindex;
-    ASSERT_EQ(svti_add(k, "svti7"), 0);
-    expect_up_with_tunnel_mtu(k);
-    EXPECT_NE(k.device("svti7")->ifindex, stale_index);
-    EXPECT_EQ(lines.texts(), (std::vector<std::string>{
-                                 "ioctl : svti7- File exists", "SVTI interface svti7, tunnelId 7 already exists",
-                                 "Deleting stale SVTI interface svti7", "---svti deleted [svti7]",
-                                 "ReCreating SVTI interface svti7", "Created SVTI interface svti7",
-                                 "svti add returns err 0"}));
-    check_descriptors(k);
-  }
-}
-
-TEST_F(Devices, LinuxModeMakesAnXfrmInterfaceOverRtnetlinkAndReplacesAStaleOne) {
-  ASSERT_EQ(svti_add(kernel, "svti7", xfrm_interface_device_ops()), 0);
-  expect_up_with_tunnel_mtu(kernel);
-  EXPECT_EQ(kernel.device("svti7")->xfrm_if_id, 7);
-
-  const int first_index = kernel.device("svti7")->ifindex;
-  ASSERT_EQ(svti_add(kernel, "svti7", xfrm_interface_device_ops()), 0);
-  EXPECT_NE(kernel.device("svti7")->ifindex, first_index);
-  EXPECT_EQ(log.count("Deleting stale SVTI interface svti7"), 1);
-
-  ASSERT_EQ(svti_del(kernel, "svti7", xfrm_interface_device_ops()), 0);
-  EXPECT_EQ(kernel.device("svti7"), nullptr);
-  EXPECT_EQ(svti_del(kernel, "svti7", xfrm_interface_device_ops()), 1);
-  EXPECT_EQ(kernel.route_requests, (std::vector<uint16_t>{RTM_NEWLINK, RTM_NEWLINK, RTM_DELLINK,
-                                                          RTM_NEWLINK, RTM_DELLINK, RTM_DELLINK}));
-  EXPECT_TRUE(kernel.tunnel_ioctl_targets.empty());
-}
-
-TEST_F(Devices, AFailingStepFailsTheAddOrDeleteAndClosesWhatItOpened) {
+TEST(Devices, AFailingStepFailsTheAddOrDeleteAndClosesWhatItOpened) {
   const auto stale = [](FakeNetDevices& k, unsigned long request, int error) {
     k.control_device = true;
     k.add_device("svti7", false);
@@ -147,18 +84,6 @@ TEST_F(Devices, AFailingStepFailsTheAddOrDeleteAndClosesWhatItOpened) {
       EXPECT_EQ(k.device("svti7"), nullptr);  // the stand-in goes with its descriptor
     }
   }
-}
-
-TEST(SvtiIndex, NamesTheDeviceOfTheTunnelAndClosesWhatItOpened) {
-  FakeNetDevices devices;
-  devices.add_device("svti70");
-  devices.add_device("svti7");
-  EXPECT_EQ(svti_ifindex(devices, 7), static_cast<unsigned>(devices.device("svti7")->ifindex));
-  EXPECT_EQ(svti_ifindex(devices, 8), 0u);
-  devices.fail_socket = EMFILE;
-  EXPECT_EQ(svti_ifindex(devices, 7), 0u);
-  EXPECT_EQ(devices.open_descriptors(), 0);
-  EXPECT_EQ(devices.bad_closes, 0);
 }
 
 }  // namespace
