@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/log.h"
+#include "diag/unit_test_mode.h"
 
 namespace cpa::test {
 
@@ -67,6 +68,22 @@ class LogCapture final : public LogSink {
   mutable std::mutex mutex_;
   std::vector<LogLine> lines_;
   LogSink* previous_;
+};
+
+// Records what unit-test mode prints on the console while it is alive.
+class ConsoleCapture final : public UtConsole {
+ public:
+  ConsoleCapture() : previous_(set_ut_console(this)) {}
+  ~ConsoleCapture() override { set_ut_console(previous_); }
+  void write(const char* format, va_list args) override {
+    char line[512];
+    std::vsnprintf(line, sizeof line, format, args);
+    text += line;
+  }
+  std::string text;
+
+ private:
+  UtConsole* previous_;
 };
 
 inline std::string read_file(const std::string& path) {

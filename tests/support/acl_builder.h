@@ -24,7 +24,7 @@ struct AceSpec {
   uint32_t local_addr = 0, local_mask = 0, remote_addr = 0, remote_mask = 0;
   uint16_t protocol = 0;
   uint32_t any_port = 0;
-  PortSpec local_port, remote_port;
+  PortSpec local_port{}, remote_port{};
   uint32_t hint = 0;
 };
 

@@ -51,8 +51,6 @@ TEST(RpAllowList, AdmitsListedSendersAndCountsAndRateLimitsTheDrops) {
   EXPECT_EQ(log.lines(), (std::vector<test::LogLine>{
                              {LOG_WARNING, "Dropped a datagram from 11.0.0.1, not an allowed RP address (1 dropped)"},
                              {LOG_WARNING, "Dropped a datagram from 0.0.0.0, not an allowed RP address (5 dropped)"}}));
-  filter.warn_if_open();
-  EXPECT_EQ(log.lines().size(), 2u);
 }
 
 }  // namespace

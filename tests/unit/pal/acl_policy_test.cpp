@@ -1,11 +1,12 @@
 #include "pal/acl_policy.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <tuple>
 #include <vector>
 
 #include "fakes/log_capture.h"
-#include "fakes/test_agent.h"
 #include "support/acl_builder.h"
 
 namespace cpa::test {
@@ -28,13 +29,6 @@ Built build(const std::vector<uint8_t>& command, size_t message_length) {
       kestrix_alloc_set_policy(ReceivedBytes(exact.data(), exact.size()), message_length, &out.policy);
   return out;
 }
-Built build(const std::vector<uint8_t>& command) { return build(command, command.size()); }
-
-std::vector<uint32_t> ace_handles(const cpa_spd_policy_t& policy) {
-  std::vector<uint32_t> out;
-  for (const ace_netlink_t& a : policy.ace_entry) out.push_back(a.ace.handle);
-  return out;
-}
 
 TEST(AclPolicy, BuildsAPolicyFromTheRecordStream) {
   LogCapture log;
@@ -47,7 +41,7 @@ TEST(AclPolicy, BuildsAPolicyFromTheRecordStream) {
           action_record(KESTRIX_PAL_OUT_DENY_ACTION, CDH_ACTION_ENCRYPT_PACKET, Bytes().be32(0x88).be16(0x62).zeros(2).be32(1)),
           ace_record(KESTRIX_PAL_ACE_DECR_ACL_OUT_DENY_ACTION, ace(2)),
           ace_record(KESTRIX_PAL_ACE_ACE_DESC, ace(3, 6))});
-  const Built built = build(command);
+  const Built built = build(command, command.size());
   ASSERT_EQ(built.status, CRYPTO_NO_ERR);
   const cpa_spd_policy_t& policy = *built.policy;
   const auto& d = policy.inbound.data.decrypt;
@@ -60,14 +54,11 @@ TEST(AclPolicy, BuildsAPolicyFromTheRecordStream) {
             std::vector<uint64_t>({0x21, 0x22, 2, CDH_ACTION_DECRYPT_PACKET, 0x51, 0x102, 0x33, 1, 0x44, 0x77,
                                    CDH_ACTION_DISCARD_PACKET, CDH_ACTION_ENCRYPT_PACKET, 0x88, 0x62, 1}));
 
-  // Every ACE kind becomes an outbound ACE, newest first; IPv6 is carried.
-  EXPECT_EQ(ace_handles(policy), (std::vector<uint32_t>{3, 2, 1}));
-  for (const ace_netlink_t& a : policy.ace_entry) {
-    EXPECT_EQ(a.dir, kAceDirOut);
-    EXPECT_EQ(a.k_index, 0);
-  }
-  EXPECT_EQ(policy.ace_entry.head()->ace.selector.ipv4.local_addr, 0u);
-  EXPECT_EQ(policy.ace_entry.head()->next->ace.selector.ipv4.local_port.port[0], 1000);
+  // Every ACE kind becomes an outbound ACE without a kernel index, newest first; IPv6 is carried.
+  std::vector<std::tuple<uint32_t, uint32_t, uint32_t, int32_t>> aces;
+  for (const ace_netlink_t& a : policy.ace_entry) aces.push_back({a.ace.handle, a.ace.ip_type, a.dir, a.k_index});
+  EXPECT_EQ(aces, (std::vector<std::tuple<uint32_t, uint32_t, uint32_t, int32_t>>{
+                      {3, 6, kAceDirOut, 0}, {2, 4, kAceDirOut, 0}, {1, 4, kAceDirOut, 0}}));
   EXPECT_TRUE(log.texts(LOG_ERR).empty());
 }
 
@@ -103,48 +94,34 @@ TEST(AclPolicy, RecordsCutShortOrOfUnknownKindFailTheRequestWithoutReadingPastTh
   }
 }
 
-// A tunnel in slot 1 holding policies built from ACE handle lists, oldest
-// first; handle 0 marks an inbound twin.
-struct Tunnel {
-  explicit Tunnel(std::vector<std::vector<uint32_t>> policies) {
-    agent.open_tunnel(2);
-    for (const auto& handles : policies) {
-      auto policy = new_record<cpa_spd_policy_t>();
-      for (uint32_t h : handles) {
-        insert_node_ace(policy->ace_entry, new_record<ace_netlink_t>());
-        policy->ace_entry.head()->ace.handle = h;
-        policy->ace_entry.head()->dir = h == 0 ? kAceDirIn : kAceDirOut;
-      }
-      insert_node_policy(record().head_policy, std::move(policy));
-    }
-  }
-  cpa_interface_t& record() { return *agent.agent.tunnels.at(1); }
-  TestAgent agent;
-};
-
 TEST(AclPolicy, KernelIndexGoesToTheFirstAceOfItsDirectionInTheNewestPolicy) {
-  Tunnel tunnel({{9}, {1, 2, 0, 0}});  // newest policy walks 0, 0, 2, 1
-  TunnelTable& tunnels = tunnel.agent.agent.tunnels;
   LogCapture log;
-  EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, 0x100, kAceDirOut), 0);
-  EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, 0x108, kAceDirOut), 0);
-  EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, 0x201, kAceDirIn), 0);
+  TunnelTable tunnels;
+  cdh_sadbhandle slot;
+  tunnels.create_alloc_sadbhdl({htonl(0xC0), htonl(2), htonl(1)}, &slot);
+  PolicyList& policies = tunnels.at(1)->head_policy;
+  for (const auto& handles : {std::vector<uint32_t>{9}, {1, 2, 0, 0}}) {  // oldest first; 0: an inbound twin
+    auto policy = new_record<cpa_spd_policy_t>();
+    for (uint32_t h : handles) {
+      insert_node_ace(policy->ace_entry, new_record<ace_netlink_t>());
+      policy->ace_entry.head()->ace.handle = h;
+      policy->ace_entry.head()->dir = h == 0 ? kAceDirIn : kAceDirOut;
+    }
+    insert_node_policy(policies, std::move(policy));
+  }
+  // The newest policy walks 0, 0, 2, 1.
+  for (auto [k_index, dir] : {std::pair{0x100, kAceDirOut}, {0x108, kAceDirOut}, {0x201, kAceDirIn}})
+    EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, k_index, dir), 0);
   std::vector<int32_t> indexes;
-  for (const ace_netlink_t& a : tunnel.record().head_policy.head()->ace_entry)
-    indexes.push_back(a.k_index);
+  for (const ace_netlink_t& a : policies.head()->ace_entry) indexes.push_back(a.k_index);
   EXPECT_EQ(indexes, (std::vector<int32_t>{0x201, 0, 0x108, 0}));
-  EXPECT_EQ(tunnel.record().head_policy.head()->next->ace_entry.head()->k_index, 0);
-
-  log.clear();
+  EXPECT_EQ(policies.head()->next->ace_entry.head()->k_index, 0);
   EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, 5, 7), 1);  // no ACE of that direction
   EXPECT_EQ(kestrix_policy_index_update(tunnels, 2, 0x12, kAceDirOut), 1);
-  EXPECT_EQ(log.lines(),
-            (std::vector<test::LogLine>{{LOG_ERR, "no ace found for dir 1, index 0x12"}}));
-  tunnel.record().head_policy.clear();
-  log.clear();
+  policies.clear();
   EXPECT_EQ(kestrix_policy_index_update(tunnels, 1, 0x13, kAceDirIn), 1);
-  EXPECT_EQ(log.lines(),
-            (std::vector<test::LogLine>{{LOG_ERR, "no policy found for dir 0, index 0x13"}}));
+  EXPECT_EQ(log.texts(LOG_ERR), (std::vector<std::string>{"no ace found for dir 1, index 0x12",
+                                                          "no policy found for dir 0, index 0x13"}));
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <regex>
 #include <string>
 #include <vector>
@@ -18,30 +17,13 @@
 namespace cpa::test {
 namespace {
 
-class ConsoleCapture final : public UtConsole {
- public:
-  ConsoleCapture() : previous_(set_ut_console(this)) {}
-  ~ConsoleCapture() override { set_ut_console(previous_); }
-  void write(const char* format, va_list args) override {
-    char line[512];
-    std::vsnprintf(line, sizeof line, format, args);
-    text += line;
-  }
-  std::string text;
-
- private:
-  UtConsole* previous_;
-};
-
 std::vector<uint8_t> attach(uint32_t sadb, uint32_t tunnel_id) {
   return pal_request(5, Bytes().be32(0x31).be32(sadb).be32(tunnel_id).be32(0));
 }
 
 std::vector<uint8_t> acl_install(uint32_t sadb) {
-  AceSpec ace;
-  ace.handle = 0x41;
   return acl_request(kestrix_insert_all,
-                     {ace_record(KESTRIX_PAL_ACE_ACL_DESC, ace),
+                     {ace_record(KESTRIX_PAL_ACE_ACL_DESC, {.handle = 0x41}),
                       action_record(KESTRIX_PAL_OUT_ACTION, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, Bytes().be32(0x77))},
                      0x11, sadb);
 }
