@@ -80,17 +80,5 @@ TEST(UnitTestMode, AttachStoresTheKeysAclInstallTakesThemAndDetachReleasesThePee
   EXPECT_EQ(console, read_file(CPA_TESTDATA "/unit_test_console.txt"));
 }
 
-TEST(UnitTestMode, ATunnelWithoutScenarioPrintsTheErrorOncePerHookAndChangesNothing) {
-  UtWorld w;
-  const std::string error = "UT ERROR: No matching tunnel id found ";
-  w.answers(attach(w.slot, 77));
-  EXPECT_EQ(w.console.text, error);
-  w.answers(acl_install(w.slot));
-  w.answers(attach(0, 77));
-  EXPECT_EQ(w.console.text, error + error + error + error + error);
-  EXPECT_TRUE(w.t.agent.cipher_info_list.empty());
-  EXPECT_EQ(w.tunnel().peer_index, -1);
-}
-
 }  // namespace
 }  // namespace cpa::test
