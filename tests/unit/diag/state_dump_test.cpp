@@ -1,6 +1,7 @@
 // The state dump of a table with a free slot, an empty tunnel and a tunnel
 // that unit-test mode filled (keys, SAs, peer) holding a policy of every
-// action kind; the expected log is in testdata.
+// action kind; the expected log is in testdata. It is also the check that
+// ACE and action records are decoded field by field.
 #include "diag/state_dump.h"
 
 #include <arpa/inet.h>
@@ -19,8 +20,9 @@ TEST(StateDump, EveryTunnelWithItsPoliciesAndSas) {
   t.agent.tunnels.kestrix_update_sadb_attr({0, 0, htonl(5), htonl(6)}, 2);
   t.deliver(pal_request(3, Bytes().be32(0xD).be32(1)));
   t.deliver(pal_request(5, Bytes().be32(0x31).be32(3).be32(2).be32(0)));  // unit-test tunnel 2
-  const AceSpec ace{.type = kestrix_ace_deny_action, .seqno = 5, .handle = 7, .local_addr = 0x0A000001,
-                    .local_mask = 24, .remote_addr = 0xC0A80101, .remote_mask = 16, .protocol = 17};
+  const AceSpec ace{.type = kestrix_ace_deny_action, .seqno = 5, .reverse = 1, .handle = 7, .local_addr = 0x0A000001,
+                    .local_mask = 24, .remote_addr = 0xC0A80101, .remote_mask = 16, .protocol = 17,
+                    .any_port = 1, .hint = 0x0A0B0C0D};
   t.deliver(acl_request(kestrix_insert_all,
                         {ace_record(KESTRIX_PAL_ACE_ACL_DESC, ace),
                          action_record(KESTRIX_PAL_IN_ACTION, CDH_ACTION_DECRYPT_PACKET,

@@ -30,30 +30,18 @@ Built build(const std::vector<uint8_t>& command, size_t message_length) {
   return out;
 }
 
+// The actions' data are decoded field by field in the state dump's test.
 TEST(AclPolicy, BuildsAPolicyFromTheRecordStream) {
   LogCapture log;
   const auto command = acl_command(
       2, {ace_record(KESTRIX_PAL_ACE_ACL_DESC, ace(1)),
-          action_record(KESTRIX_PAL_IN_ACTION, CDH_ACTION_DECRYPT_PACKET,
-                        Bytes().be32(0x51).be64(0x102).be16(0x33).zeros(2).be32(1).be32(0x44)),
-          action_record(KESTRIX_PAL_OUT_ACTION, CDH_ACTION_DISCARD_PACKET_NOTIFY_RP, Bytes().be32(0x77)),
           action_record(KESTRIX_PAL_IN_DENY_ACTION, CDH_ACTION_DISCARD_PACKET),
-          action_record(KESTRIX_PAL_OUT_DENY_ACTION, CDH_ACTION_ENCRYPT_PACKET, Bytes().be32(0x88).be16(0x62).zeros(2).be32(1)),
           ace_record(KESTRIX_PAL_ACE_DECR_ACL_OUT_DENY_ACTION, ace(2)),
           ace_record(KESTRIX_PAL_ACE_ACE_DESC, ace(3, 6))});
   const Built built = build(command, command.size());
   ASSERT_EQ(built.status, CRYPTO_NO_ERR);
   const cpa_spd_policy_t& policy = *built.policy;
-  const auto& d = policy.inbound.data.decrypt;
-  const auto& e = policy.outbound_deny.data.encrypt;
-  EXPECT_EQ(std::vector<uint64_t>({policy.static_seqno, policy.dynamic_seqno, policy.desc.what_changed,
-                                   policy.inbound.action, d.sa, d.post_decrypt_check, d.post_decrypt_ivrf,
-                                   d.reinject, d.tunnel_id, policy.outbound.data.notify_rp_handle,
-                                   policy.inbound_deny.action, policy.outbound_deny.action, e.sa,
-                                   e.post_encrypt_fvrf, e.dummy_generate}),
-            std::vector<uint64_t>({0x21, 0x22, 2, CDH_ACTION_DECRYPT_PACKET, 0x51, 0x102, 0x33, 1, 0x44, 0x77,
-                                   CDH_ACTION_DISCARD_PACKET, CDH_ACTION_ENCRYPT_PACKET, 0x88, 0x62, 1}));
-
+  EXPECT_EQ(std::tuple(policy.desc.what_changed, policy.inbound_deny.action), std::tuple(2u, CDH_ACTION_DISCARD_PACKET));
   // Every ACE kind becomes an outbound ACE without a kernel index, newest first; IPv6 is carried.
   std::vector<std::tuple<uint32_t, uint32_t, uint32_t, int32_t>> aces;
   for (const ace_netlink_t& a : policy.ace_entry) aces.push_back({a.ace.handle, a.ace.ip_type, a.dir, a.k_index});
