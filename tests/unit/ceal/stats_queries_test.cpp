@@ -177,28 +177,24 @@ TEST(StatsQueriesWithoutSegment, EveryQueryIsAnsweredWithZeroCounters) {
 // Linux mode: each SA's counters are the kernel's answer to a get of it, scripted ahead.
 TEST(StatsQueriesInLinuxMode, CountersComeFromTheKernelsSas) {
   KernelTestAgent t(AgentSettings{0, 0, KernelFlavour::kLinux});
-  uint32_t ahead = 0;  // answers queued for requests not sent yet
-  const auto answer_next_get = [&](uint64_t bytes, uint64_t packets, uint32_t replay, uint32_t integrity) {
-    ::xfrm_usersa_info sa{};
-    sa.curlft.bytes = bytes;
-    sa.curlft.packets = packets;
-    sa.stats.replay = replay;
-    sa.stats.integrity_failed = integrity;
-    t.kernel.answer_next({Bytes().h32(16 + sizeof sa).h16(XFRM_MSG_NEWSA).h16(0).h32(t.agent.nlink.g_seq() + ahead++)
-                              .h32(t.agent.nlink.port_id()).host(sa).vec()});
+  const auto answer_both_gets = [&] {  // the inbound SA's, then the outbound SA's
+    for (uint32_t i : {0, 1}) {
+      ::xfrm_usersa_info sa{};
+      sa.curlft.bytes = i ? 7000 : 2500;
+      sa.curlft.packets = i ? 70 : 25;
+      sa.stats.replay = i ? 0 : 3;
+      sa.stats.integrity_failed = i ? 0 : 4;
+      t.kernel.answer_next({Bytes().h32(16 + sizeof sa).h16(XFRM_MSG_NEWSA).h16(0).h32(t.agent.nlink.g_seq() + i)
+                                .h32(t.agent.nlink.port_id()).host(sa).vec()});
+    }
   };
   const uint32_t slot = t.open_tunnel(0x100);
   insert_node_inb_sa(t.agent.tunnels.at(slot)->inb_sa_list, flow_sa<cpa_inbound_sa_t>(1, 0x11, kDst, 50));
   insert_node_out_sa(t.agent.tunnels.at(slot)->outb_sa_list, flow_sa<cpa_outbound_sa_t>(2, 0x22, kDst, 50));
 
-  const auto answer_both = [&] {
-    ahead = 0;
-    answer_next_get(2500, 25, 3, 4);
-    answer_next_get(7000, 70, 0, 0);
-  };
-  answer_both();
+  answer_both_gets();
   const auto flows = t.exchange(flow_query({{1, true}, {2, false}}));
-  answer_both();
+  answer_both_gets();
   const auto global = t.exchange(ceal_request(3, kGlobal));
   // Bytes are 64-bit: their low word is 4 bytes into the field.
   const auto in = [&](size_t at) { return be32_at(flows, stats_of(0) + at); };

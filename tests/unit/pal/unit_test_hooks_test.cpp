@@ -28,19 +28,6 @@ std::vector<uint8_t> acl_install(uint32_t sadb) {
                      0x11, sadb);
 }
 
-struct UtWorld {
-  UtWorld() { slot = t.open_tunnel(0x100); }
-  cpa_interface_t& tunnel() { return *t.agent.tunnels.at(slot); }
-  // How many datagrams `request` drew.
-  size_t answers(const std::vector<uint8_t>& request) {
-    t.deliver(request);
-    return t.take_sent().size();
-  }
-  KernelTestAgent t{AgentSettings{.g_unit_test_on = 1}};
-  ConsoleCapture console;
-  uint32_t slot = 0;
-};
-
 // Attach stores the scenario's key records (outbound newest, the last key
 // byte telling the tunnel); ACL install runs SPI insert (which inserts the
 // crypto flow) and peer insert, none of them answered; detach runs SPI
@@ -54,10 +41,16 @@ TEST(UnitTestMode, AttachStoresTheKeysAclInstallTakesThemAndDetachReleasesThePee
   std::string console;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.tunnel_id);
-    UtWorld w;
-    EXPECT_EQ(w.answers(attach(w.slot, c.tunnel_id)), 1u);  // the attach's own answer only
+    ConsoleCapture lines;
+    KernelTestAgent t{AgentSettings{.g_unit_test_on = 1}};
+    const uint32_t slot = t.open_tunnel(0x100);
+    const auto answers = [&t](const std::vector<uint8_t>& request) {  // how many datagrams it drew
+      t.deliver(request);
+      return t.take_sent().size();
+    };
+    EXPECT_EQ(answers(attach(slot, c.tunnel_id)), 1u);  // the attach's own answer only
     std::vector<std::vector<uint32_t>> records;
-    for (const kestrix_ce_cipher_list_t& r : w.t.agent.cipher_info_list) {
+    for (const kestrix_ce_cipher_list_t& r : t.agent.cipher_info_list) {
       const kestrix_key_val_t& key = c.ah_len ? r.ah_key_info : r.esp_key_info;
       records.push_back({r.ipsec_sa, r.ce_cipher.outbound, r.esp_key_info.len, r.esp_mac_key_info.len,
                          r.ah_key_info.len, key.data[key.len - 1]});
@@ -65,14 +58,14 @@ TEST(UnitTestMode, AttachStoresTheKeysAclInstallTakesThemAndDetachReleasesThePee
     EXPECT_EQ(records, (std::vector<std::vector<uint32_t>>{
                            {c.outbound_sa, 1, c.esp_len, c.mac_len, c.ah_len, c.tunnel_id},
                            {c.inbound_sa, 0, c.esp_len, c.mac_len, c.ah_len, c.tunnel_id}}));
-    const kestrix_ce_cipher_info& in = w.t.agent.cipher_info_list.head()->next->ce_cipher;
+    const kestrix_ce_cipher_info& in = t.agent.cipher_info_list.head()->next->ce_cipher;
     EXPECT_EQ(c.ah_len ? in.ah_spi : in.esp_spi, c.outbound_sa);  // the inbound SPI
-    EXPECT_EQ(w.answers(acl_install(w.slot)), 1u);
-    EXPECT_TRUE(w.t.agent.cipher_info_list.empty());
-    EXPECT_EQ(w.tunnel().peer_handle, 0x456u);
-    EXPECT_EQ(w.answers(attach(0, c.tunnel_id)), 1u);
-    EXPECT_EQ(w.tunnel().peer_index, -1);
-    console += "== tunnel " + std::to_string(c.tunnel_id) + "\n" + w.console.text + "\n";
+    EXPECT_EQ(answers(acl_install(slot)), 1u);
+    EXPECT_TRUE(t.agent.cipher_info_list.empty());
+    EXPECT_EQ(t.agent.tunnels.at(slot)->peer_handle, 0x456u);
+    EXPECT_EQ(answers(attach(0, c.tunnel_id)), 1u);
+    EXPECT_EQ(t.agent.tunnels.at(slot)->peer_index, -1);
+    console += "== tunnel " + std::to_string(c.tunnel_id) + "\n" + lines.text + "\n";
   }
   // The console names the source line that wrote the keys; it is not behaviour.
   console = std::regex_replace(console, std::regex("(kestrix_ipsec_send_keys_to_ce),[0-9]+"), "$1,LINE");
