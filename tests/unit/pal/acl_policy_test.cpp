@@ -16,18 +16,9 @@ AceSpec ace(uint32_t handle, uint32_t ip_type = 4) {
   return {ip_type, 0, 0, 0, handle, 0x0A000000 + handle, 0, 0, 0, 0, 0, {0, 1, {1000}}, {}, 0};
 }
 
-struct Built {
-  ce_status_t status;
-  std::unique_ptr<cpa_spd_policy_t> policy;
-};
-
 // Runs the walk over exactly the bytes given, as the receive path would.
-Built build(const std::vector<uint8_t>& command, size_t message_length) {
-  const std::vector<uint8_t> exact(command);
-  Built out{CRYPTO_ERR_INTERNAL, nullptr};
-  out.status =
-      kestrix_alloc_set_policy(ReceivedBytes(exact.data(), exact.size()), message_length, &out.policy);
-  return out;
+ce_status_t build(std::vector<uint8_t> exact, size_t message_length, std::unique_ptr<cpa_spd_policy_t>& policy) {
+  return kestrix_alloc_set_policy(ReceivedBytes(exact.data(), exact.size()), message_length, &policy);
 }
 
 // The actions' data are decoded field by field in the state dump's test.
@@ -38,9 +29,9 @@ TEST(AclPolicy, BuildsAPolicyFromTheRecordStream) {
           action_record(KESTRIX_PAL_IN_DENY_ACTION, CDH_ACTION_DISCARD_PACKET),
           ace_record(KESTRIX_PAL_ACE_DECR_ACL_OUT_DENY_ACTION, ace(2)),
           ace_record(KESTRIX_PAL_ACE_ACE_DESC, ace(3, 6))});
-  const Built built = build(command, command.size());
-  ASSERT_EQ(built.status, CRYPTO_NO_ERR);
-  const cpa_spd_policy_t& policy = *built.policy;
+  std::unique_ptr<cpa_spd_policy_t> built;
+  ASSERT_EQ(build(command, command.size(), built), CRYPTO_NO_ERR);
+  const cpa_spd_policy_t& policy = *built;
   EXPECT_EQ(std::tuple(policy.desc.what_changed, policy.inbound_deny.action), std::tuple(2u, CDH_ACTION_DISCARD_PACKET));
   // Every ACE kind becomes an outbound ACE without a kernel index, newest first; IPv6 is carried.
   std::vector<std::tuple<uint32_t, uint32_t, uint32_t, int32_t>> aces;
@@ -74,10 +65,10 @@ TEST(AclPolicy, RecordsCutShortOrOfUnknownKindFailTheRequestWithoutReadingPastTh
   };
   for (const Case& c : cases) {
     LogCapture log;
-    const Built built = build(c.bytes, c.message_length);
+    std::unique_ptr<cpa_spd_policy_t> built;
     SCOPED_TRACE(c.message_length);
-    EXPECT_EQ(built.status, c.error ? CRYPTO_ERR_INVALID : CRYPTO_NO_ERR);
-    EXPECT_EQ(built.policy == nullptr, c.error != nullptr);
+    EXPECT_EQ(build(c.bytes, c.message_length, built), c.error ? CRYPTO_ERR_INVALID : CRYPTO_NO_ERR);
+    EXPECT_EQ(built == nullptr, c.error != nullptr);
     EXPECT_EQ(log.texts(LOG_ERR), c.error ? std::vector<std::string>{c.error} : std::vector<std::string>{});
   }
 }
