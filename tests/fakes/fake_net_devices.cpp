@@ -53,7 +53,7 @@ SysCallResult FakeNetDevices::tunnel_ioctl(unsigned long request, void* arg) {
     if (!control_device || target != "svti_cfg") return failed(ENODEV);
     const std::string name = name_of(tunnel_parms.back().name, kTunnelNameSize);
     if (devices_.count(name)) return failed(EEXIST);
-    create(name, false);
+    add_device(name);
     return ok();
   }
   auto dev = devices_.find(target);
@@ -94,15 +94,9 @@ SysCallResult FakeNetDevices::socket_ioctl(unsigned long request, void* arg) {
   }
 }
 
-FakeNetDevices::Device& FakeNetDevices::create(const std::string& name, bool tun) {
-  Device& dev = devices_[name];
-  dev = Device{};
-  dev.ifindex = next_ifindex_++;
-  dev.tun = tun;
-  return dev;
+FakeNetDevices::Device& FakeNetDevices::add_device(const std::string& name, bool tun) {
+  return devices_[name] = Device{.ifindex = next_ifindex_++, .tun = tun};
 }
-
-FakeNetDevices::Device& FakeNetDevices::add_device(const std::string& name, bool tun) { return create(name, tun); }
 
 const FakeNetDevices::Device* FakeNetDevices::device(const std::string& name) const {
   auto it = devices_.find(name);

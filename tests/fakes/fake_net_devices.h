@@ -34,7 +34,8 @@ class FakeNetDevices final : public NetDeviceSysCalls {
   SysCallResult close(int fd) override;
   SysCallResult route_request(const void* msg, size_t len) override;
 
-  // A device that exists before the agent acts, as one left by an earlier run.
+  // A device that exists before the agent acts, as one left by an earlier run
+  // (or made by the agent through the control device).
   Device& add_device(const std::string& name, bool tun = false);
   const Device* device(const std::string& name) const;
   int open_descriptors() const { return static_cast<int>(fds_.size()); }
@@ -52,7 +53,6 @@ class FakeNetDevices final : public NetDeviceSysCalls {
  private:
   SysCallResult socket_ioctl(unsigned long request, void* arg);
   SysCallResult tunnel_ioctl(unsigned long request, void* arg);
-  Device& create(const std::string& name, bool tun);
 
   std::map<std::string, Device> devices_;
   std::set<int> fds_;
