@@ -32,7 +32,8 @@ TEST(AclPolicy, BuildsAPolicyFromTheRecordStream) {
   std::unique_ptr<cpa_spd_policy_t> built;
   ASSERT_EQ(build(command, command.size(), built), CRYPTO_NO_ERR);
   const cpa_spd_policy_t& policy = *built;
-  EXPECT_EQ(std::tuple(policy.desc.what_changed, policy.inbound_deny.action), std::tuple(2u, CDH_ACTION_DISCARD_PACKET));
+  EXPECT_EQ(std::tuple(policy.desc.what_changed, policy.inbound_deny.action),
+            std::tuple(2u, CDH_ACTION_DISCARD_PACKET));
   // Every ACE kind becomes an outbound ACE without a kernel index, newest first; IPv6 is carried.
   std::vector<std::tuple<uint32_t, uint32_t, uint32_t, int32_t>> aces;
   for (const ace_netlink_t& a : policy.ace_entry) aces.push_back({a.ace.handle, a.ace.ip_type, a.dir, a.k_index});
