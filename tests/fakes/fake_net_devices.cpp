@@ -1,9 +1,5 @@
 #include "fakes/fake_net_devices.h"
 
-#include <linux/if_link.h>
-#include <linux/if_tun.h>
-#include <linux/netlink.h>
-#include <linux/rtnetlink.h>
 #include <netinet/in.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
@@ -11,8 +7,6 @@
 
 #include <cerrno>
 #include <cstring>
-
-#include "netlink/nl_message.h"
 
 namespace cpa::test {
 namespace {
@@ -24,72 +18,30 @@ std::string name_of(const char* field, size_t size) {
   return std::string(field, strnlen(field, size));
 }
 
-ReceivedBytes attribute(uint16_t type, ReceivedBytes attrs) {
-  return NlAttrs(attrs).find(type).value_or(ReceivedBytes());
-}
-
-// A string attribute, sent with its terminating zero.
-std::string text_of(ReceivedBytes payload) {
-  return payload.size() ? name_of(reinterpret_cast<const char*>(payload.data()), payload.size()) : std::string();
-}
-
 }  // namespace
 
-SysCallResult FakeNetDevices::route_request(const void* msg, size_t len) {
-  const auto* bytes = static_cast<const uint8_t*>(msg);
-  nlmsghdr header;
-  if (len < NLMSG_LENGTH(sizeof(ifinfomsg))) return failed(EINVAL);
-  std::memcpy(&header, bytes, sizeof header);
-  if (header.nlmsg_len != len) return failed(EINVAL);
-  route_requests.push_back(header.nlmsg_type);
-  const ReceivedBytes attrs = ReceivedBytes(bytes, len).slice(NLMSG_LENGTH(sizeof(ifinfomsg)));
-  const std::string name = text_of(attribute(IFLA_IFNAME, attrs));
-  if (header.nlmsg_type == RTM_DELLINK) return devices_.erase(name) ? ok() : failed(ENODEV);
-  if (header.nlmsg_type != RTM_NEWLINK) return failed(EOPNOTSUPP);
-  const ReceivedBytes info = attribute(IFLA_LINKINFO, attrs);
-  if (text_of(attribute(IFLA_INFO_KIND, info)) != "xfrm") return failed(EOPNOTSUPP);
-  const ReceivedBytes if_id = attribute(IFLA_XFRM_IF_ID, attribute(IFLA_INFO_DATA, info));
-  if (name.empty() || if_id.size() != sizeof(uint32_t)) return failed(EINVAL);
-  if (devices_.count(name)) return failed(EEXIST);
-  create(name, false).xfrm_if_id = *if_id.read<uint32_t>(0);
-  return ok();
-}
-
-SysCallResult FakeNetDevices::new_descriptor(bool tun) {
-  const int fd = next_fd_++;
-  fds_[fd] = Descriptor{tun, {}};
-  return ok(fd);
-}
+// Xfrm interfaces are the real kernel's test's: this kernel has none.
+SysCallResult FakeNetDevices::route_request(const void*, size_t) { return failed(EOPNOTSUPP); }
 
 SysCallResult FakeNetDevices::socket(int domain, int type, int) {
   if (fail_socket) return failed(fail_socket);
   if (domain != AF_INET || type != SOCK_DGRAM) return failed(EAFNOSUPPORT);
-  return new_descriptor(false);
+  fds_.insert(next_fd_);
+  return ok(next_fd_++);
 }
 
-SysCallResult FakeNetDevices::open(const char* path, int) {
-  if (fail_open) return failed(fail_open);
-  if (std::strcmp(path, "/dev/net/tun") != 0) return failed(ENOENT);
-  return new_descriptor(true);
-}
+SysCallResult FakeNetDevices::open(const char*, int) { return failed(ENOENT); }  // no tun driver
 
 SysCallResult FakeNetDevices::close(int fd) {
-  auto it = fds_.find(fd);
-  if (it == fds_.end()) {
-    ++bad_closes;
-    return failed(EBADF);
-  }
-  const std::string attached = it->second.attached;
-  fds_.erase(it);
-  if (!attached.empty() && !devices_.at(attached).persistent) devices_.erase(attached);
-  return ok();
+  if (fds_.erase(fd)) return ok();
+  ++bad_closes;
+  return failed(EBADF);
 }
 
 SysCallResult FakeNetDevices::ioctl(int fd, unsigned long request, void* arg) {
-  auto it = fds_.find(fd);
-  if (it == fds_.end()) return failed(EBADF);
+  if (!fds_.count(fd)) return failed(EBADF);
   if (auto f = fail.find(request); f != fail.end()) return failed(f->second);
-  return it->second.tun ? tun_ioctl(it->second, request, arg) : socket_ioctl(request, arg);
+  return socket_ioctl(request, arg);
 }
 
 SysCallResult FakeNetDevices::tunnel_ioctl(unsigned long request, void* arg) {
@@ -101,12 +53,12 @@ SysCallResult FakeNetDevices::tunnel_ioctl(unsigned long request, void* arg) {
     if (!control_device || target != "svti_cfg") return failed(ENODEV);
     const std::string name = name_of(tunnel_parms.back().name, kTunnelNameSize);
     if (devices_.count(name)) return failed(EEXIST);
-    create(name, false);
+    add_device(name);
     return ok();
   }
   auto dev = devices_.find(target);
   if (dev == devices_.end()) return failed(ENODEV);
-  if (dev->second.tun) return failed(EOPNOTSUPP);  // not a tunnel device
+  if (dev->second.tun) return failed(EOPNOTSUPP);
   devices_.erase(dev);
   return ok();
 }
@@ -142,35 +94,8 @@ SysCallResult FakeNetDevices::socket_ioctl(unsigned long request, void* arg) {
   }
 }
 
-SysCallResult FakeNetDevices::tun_ioctl(Descriptor& fd, unsigned long request, void* arg) {
-  if (request == TUNSETPERSIST) {
-    if (fd.attached.empty()) return failed(EBADFD);
-    devices_.at(fd.attached).persistent = reinterpret_cast<uintptr_t>(arg) != 0;
-    return ok();
-  }
-  if (request != TUNSETIFF) return failed(ENOTTY);
-  auto& ifr = *static_cast<ifreq*>(arg);
-  const std::string name = name_of(ifr.ifr_name, IFNAMSIZ);
-  if (!fd.attached.empty() || ifr.ifr_flags != (IFF_TUN | IFF_NO_PI)) return failed(EINVAL);
-  auto dev = devices_.find(name);
-  if (dev != devices_.end() && !dev->second.tun) return failed(EINVAL);
-  if (dev == devices_.end()) create(name, true);
-  fd.attached = name;
-  return ok();
-}
-
-FakeNetDevices::Device& FakeNetDevices::create(const std::string& name, bool tun) {
-  Device& dev = devices_[name];
-  dev = Device{};
-  dev.ifindex = next_ifindex_++;
-  dev.tun = tun;
-  return dev;
-}
-
 FakeNetDevices::Device& FakeNetDevices::add_device(const std::string& name, bool tun) {
-  Device& dev = create(name, tun);
-  dev.persistent = tun;
-  return dev;
+  return devices_[name] = Device{.ifindex = next_ifindex_++, .tun = tun};
 }
 
 const FakeNetDevices::Device* FakeNetDevices::device(const std::string& name) const {

@@ -1,12 +1,14 @@
 // A fake kernel behind the network-device system calls: it keeps a table of
-// devices, answers the tunnel, interface and tun ioctls the way a kernel does
+// devices, answers the tunnel and interface ioctls the way a kernel does
 // (with or without the platform's tunnel control device), fails any call a
 // test asks it to, and tracks every descriptor so that leaks and double
-// closes show.
+// closes show. It has no tun driver: the stand-in for a missing control
+// device is the real kernel's (test_intf_attach).
 #pragma once
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,49 +25,37 @@ class FakeNetDevices final : public NetDeviceSysCalls {
     int mtu = 1500;
     uint32_t addr = 0;     // IPv4, network order
     uint32_t netmask = 0;  // network order
-    bool tun = false;         // made through /dev/net/tun (else by the control device)
-    bool persistent = false;  // a tun device that outlives its descriptors
-    int64_t xfrm_if_id = -1;  // an xfrm interface made over rtnetlink: its interface id
+    bool tun = false;  // made by the tun driver: the control device does not delete it
   };
 
   SysCallResult socket(int domain, int type, int protocol) override;
   SysCallResult open(const char* path, int flags) override;
   SysCallResult ioctl(int fd, unsigned long request, void* arg) override;
   SysCallResult close(int fd) override;
-  // Reads link requests as the kernel does: RTM_NEWLINK of kind "xfrm"
-  // (IFLA_IFNAME, IFLA_XFRM_IF_ID) and RTM_DELLINK by name.
   SysCallResult route_request(const void* msg, size_t len) override;
 
-  // A device that exists before the agent acts, as one left by an earlier run.
-  Device& add_device(const std::string& name, bool tun = true);
+  // A device that exists before the agent acts, as one left by an earlier run
+  // (or made by the agent through the control device).
+  Device& add_device(const std::string& name, bool tun = false);
   const Device* device(const std::string& name) const;
   int open_descriptors() const { return static_cast<int>(fds_.size()); }
 
   // Knobs.
-  bool control_device = false;        // the platform's "svti_cfg" exists
+  bool control_device = true;         // the platform's "svti_cfg" exists
   std::map<unsigned long, int> fail;  // ioctl request -> errno of every such call
   int fail_socket = 0;                // errno of socket(), 0: succeeds
-  int fail_open = 0;                  // errno of open(), 0: succeeds
 
   // What was seen.
   std::vector<std::string> tunnel_ioctl_targets;  // ifr_name of each tunnel ioctl
   std::vector<ip_tunnel_parm> tunnel_parms;       // the record of each tunnel ioctl
   int bad_closes = 0;                             // closes of descriptors not open
-  std::vector<uint16_t> route_requests;           // the type of each link request
 
  private:
-  struct Descriptor {
-    bool tun = false;
-    std::string attached;  // the tun device this descriptor holds
-  };
   SysCallResult socket_ioctl(unsigned long request, void* arg);
-  SysCallResult tun_ioctl(Descriptor& fd, unsigned long request, void* arg);
   SysCallResult tunnel_ioctl(unsigned long request, void* arg);
-  SysCallResult new_descriptor(bool tun);
-  Device& create(const std::string& name, bool tun);
 
   std::map<std::string, Device> devices_;
-  std::map<int, Descriptor> fds_;
+  std::set<int> fds_;
   int next_fd_ = 100;
   int next_ifindex_ = 2;
 };

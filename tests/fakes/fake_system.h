@@ -42,12 +42,10 @@ class FakeCommandRunner final : public CommandRunner {
 class RecordingOutbox final : public RpOutbox {
  public:
   ssize_t send_to_rp(const uint8_t* buf, size_t len) override {
-    if (fail_sends) return -1;
     sent.emplace_back(buf, buf + len);
     return static_cast<ssize_t>(len);
   }
   std::vector<std::vector<uint8_t>> sent;
-  bool fail_sends = false;
 };
 
 }  // namespace cpa::test

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/log.h"
+#include "diag/unit_test_mode.h"
 
 namespace cpa::test {
 
@@ -37,9 +38,11 @@ class LogCapture final : public LogSink {
     std::lock_guard<std::mutex> lock(mutex_);
     return lines_;
   }
-  std::vector<std::string> texts() const {
+  // The texts of every line, or of those of `priority`.
+  std::vector<std::string> texts(int priority = -1) const {
     std::vector<std::string> out;
-    for (const auto& line : lines()) out.push_back(line.text);
+    for (const auto& line : lines())
+      if (priority < 0 || line.priority == priority) out.push_back(line.text);
     return out;
   }
   // Every line as "<priority> <text>", for comparing with a file of test data.
@@ -65,6 +68,22 @@ class LogCapture final : public LogSink {
   mutable std::mutex mutex_;
   std::vector<LogLine> lines_;
   LogSink* previous_;
+};
+
+// Records what unit-test mode prints on the console while it is alive.
+class ConsoleCapture final : public UtConsole {
+ public:
+  ConsoleCapture() : previous_(set_ut_console(this)) {}
+  ~ConsoleCapture() override { set_ut_console(previous_); }
+  void write(const char* format, va_list args) override {
+    char line[512];
+    std::vsnprintf(line, sizeof line, format, args);
+    text += line;
+  }
+  std::string text;
+
+ private:
+  UtConsole* previous_;
 };
 
 inline std::string read_file(const std::string& path) {

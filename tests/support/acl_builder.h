@@ -24,15 +24,9 @@ struct AceSpec {
   uint32_t local_addr = 0, local_mask = 0, remote_addr = 0, remote_mask = 0;
   uint16_t protocol = 0;
   uint32_t any_port = 0;
-  PortSpec local_port, remote_port;
+  PortSpec local_port{}, remote_port{};
   uint32_t hint = 0;
 };
-
-inline Bytes& port_list(Bytes& b, const PortSpec& p) {
-  b.be32(p.type).u8(p.num_port);
-  for (size_t i = 0; i < 10; ++i) b.be16(i < p.ports.size() ? p.ports[i] : 0);
-  return b;
-}
 
 // The 122-byte ACE body.
 inline std::vector<uint8_t> ace_body(const AceSpec& a) {
@@ -40,8 +34,10 @@ inline std::vector<uint8_t> ace_body(const AceSpec& a) {
   b.be32(a.ip_type).be32(a.type).be16(a.seqno).be32(a.reverse).be32(a.handle);
   b.be32(a.local_addr).be32(a.local_mask).be32(a.remote_addr).be32(a.remote_mask);
   b.be16(a.protocol).zeros(2).be32(a.any_port);
-  port_list(b, a.local_port);
-  port_list(b, a.remote_port);
+  for (const PortSpec* p : {&a.local_port, &a.remote_port}) {
+    b.be32(p->type).u8(p->num_port);
+    for (size_t i = 0; i < 10; ++i) b.be16(i < p->ports.size() ? p->ports[i] : 0);
+  }
   b.zeros(26).be32(a.hint);
   return b;
 }

@@ -21,15 +21,7 @@ TEST(CommandTrace, StartAndEndLinesWithElapsedSeconds) {
   clock.now = {12, 150012345};
   trace.ceal_cmd_print(4, 1, 1);
   trace.ceal_cmd_print(5, 0, 0);
-  const std::vector<test::LogLine> expected = {
-      {LOG_INFO, "KESTRIX_PAL_SADB_INIT_COMPLETED 000000ab 00000001"},
-      {LOG_INFO, "KESTRIX_PAL_SADB_INIT_COMPLETED 000000ab 00000001 status 6 Time 1.25000 seconds"},
-      {LOG_INFO, "INV PAL Cmd 00000001 00000002"},
-      {LOG_INFO, "INV PAL Cmd 00000001 00000002"},
-      {LOG_INFO, "KESTRIX_CEAL_CE_DELETE_FLOW 1 Time 0.00001 seconds"},
-      {LOG_INFO, "INV CEAL Cmd"},
-  };
-  EXPECT_EQ(log.lines(), expected);
+  EXPECT_EQ(log.transcript(), test::read_file(CPA_TESTDATA "/command_trace.txt"));
 }
 
 }  // namespace

@@ -27,11 +27,5 @@ TEST(CounterReport, WritesEveryCounterInItsPlace) {
   unlink(path.c_str());
 }
 
-TEST(CounterReport, UnwritableFileLeavesTheMarkerInstead) {
-  test::FakeCommandRunner commands;
-  Pal_Ceal_dbg_counter_display(DebugCounters{}, commands, "/nonexistent-dir/.cpa_ctrs");
-  EXPECT_EQ(commands.commands, std::vector<std::string>{"touch /usr/admin/log/.cpa_err"});
-}
-
 }  // namespace
 }  // namespace cpa

