@@ -72,5 +72,16 @@ TEST(UnitTestMode, AttachStoresTheKeysAclInstallTakesThemAndDetachReleasesThePee
   EXPECT_EQ(console, read_file(CPA_TESTDATA "/unit_test_console.txt"));
 }
 
+// Each hook (two on attach, two on ACL install, one on detach) says so once and does nothing.
+TEST(UnitTestMode, ATunnelWithoutScenarioOnlySaysSo) {
+  ConsoleCapture lines;
+  KernelTestAgent t{AgentSettings{.g_unit_test_on = 1}};
+  const uint32_t slot = t.open_tunnel(0x100);
+  for (const auto& request : {attach(slot, 77), acl_install(slot), attach(0, 77)}) t.deliver(request);
+  const std::string error = "UT ERROR: No matching tunnel id found ";
+  EXPECT_EQ(lines.text, error + error + error + error + error);
+  EXPECT_TRUE(t.agent.cipher_info_list.empty());
+}
+
 }  // namespace
 }  // namespace cpa::test
