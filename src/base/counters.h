@@ -68,6 +68,7 @@ using cpa_netlink_global_ctr_t = cpa_netlink_global_ctr_s;
 struct cpa_misc_ctr_s {
   ctr32 k_keepalive_sent, k_keepalive_recv, k_cpa_abort;  // keepalive thread
   ctr32 k_arp_req, k_arp_reply, k_arp_err;                // main thread (ARP)
+  ctr32 k_arp_filter_drop;  // main thread: frames naming an address no host may have
   ctr32 k_rp_filter_drop;  // both threads: datagrams from outside the RP allow-list
 };
 using cpa_misc_ctr_t = cpa_misc_ctr_s;

@@ -1,7 +1,7 @@
 #include "daemon/daemon.h"
 
 #include <arpa/inet.h>
-#include <linux/if_ether.h>
+#include <linux/netlink.h>
 #include <netinet/in.h>
 #include <string.h>
 #include <sys/prctl.h>
@@ -29,6 +29,7 @@
 #include "pal/pal_dispatcher.h"
 #include "pal/tunnel_policy_events.h"
 #include "pal/rp_link.h"
+#include "platform/command_queue.h"
 #include "platform/scoped_fd.h"
 
 namespace cpa {
@@ -36,9 +37,13 @@ namespace {
 
 constexpr size_t kReceiveBufferSize = 2048;
 constexpr int kRequestSocketBuffer = 0x200000;
+// An ARP command may take this long before it is killed; at most this many wait.
+constexpr int kArpCommandTimeLimitMs = 10000;
+constexpr size_t kArpCommandsWaiting = 64;
 struct DaemonSockets {
   ScopedFd g_sd;        // UDP requests
-  ScopedFd g_arp_sd;    // ARP on ethgrp0
+  ScopedFd g_arp_sd;    // ARP on ethgrp0, once it exists
+  ScopedFd link_fd;     // link events: when ethgrp0 appears
   ScopedFd nlsock_fd;   // netlink requests, until handed to the agent
   ScopedFd nlmon_fd;    // netlink policy events
 };
@@ -82,8 +87,9 @@ DaemonSockets open_sockets() {
   DaemonSockets s;
   s.g_sd = open_or_exit(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
   cpa_log(LOG_INFO, "socket() is OK");
-  s.g_arp_sd = open_or_exit(AF_PACKET, SOCK_DGRAM, htons(ETH_P_ARP));
+  s.g_arp_sd = open_or_exit(AF_PACKET, SOCK_DGRAM, 0);  // hears nothing until bound
   cpa_log(LOG_INFO, "ARP socket() is OK");
+  s.link_fd = open_or_exit(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE);
   return s;
 }
 
@@ -109,48 +115,60 @@ struct RpReceiver {
   RpSourceFilter& filter;
 };
 
+// The ARP side: the socket, what a frame makes the agent do, and the
+// commands that follows.
+struct ArpSide {
+  ArpPort& port;
+  ArpHandler& handler;
+  CommandQueue& commands;
+};
+
 class EventLoop {
  public:
-  EventLoop(Agent& agent, RpReceiver rp, ArpPort& arp, ArpHandler& arp_handler, const DaemonSockets& sockets)
+  EventLoop(Agent& agent, RpReceiver rp, ArpSide arp, const DaemonSockets& sockets)
       : agent_(agent),
         rp_(rp),
         arp_(arp),
-        arp_handler_(arp_handler),
         sockets_(sockets),
         policy_events_(agent.tunnels, agent.sys.rp),
         listener_{agent.nlink, agent.tunnels, policy_events_, agent.counters.netlink_dbg_ctrs} {}
 
   [[noreturn]] void serve_forever() {
-    const int nfds = std::max({sockets_.g_sd.get(), sockets_.g_arp_sd.get(),
-                               sockets_.nlmon_fd.get(), signal_wake_fd()}) + 1;
     for (;;) {
       fd_set readable;
-      build_read_set(readable);
-      if (select(nfds, &readable, nullptr, nullptr, nullptr) < 0) {
-        if (errno != EINTR) cpa_log(LOG_ERR, "select() error, reason: %s", std::strerror(errno));
-        continue;
-      }
-      for (int fd = 0; fd < nfds; ++fd)
+      const int nfds = build_read_set(readable);
+      const int timeout_ms = arp_.commands.timeout_ms();
+      timeval timeout{timeout_ms / 1000, (timeout_ms % 1000) * 1000};
+      const int ready = select(nfds, &readable, nullptr, nullptr, timeout_ms < 0 ? nullptr : &timeout);
+      if (ready < 0 && errno != EINTR) cpa_log(LOG_ERR, "select() error, reason: %s", std::strerror(errno));
+      for (int fd = 0; ready > 0 && fd < nfds; ++fd)
         if (FD_ISSET(fd, &readable)) serve(fd);
+      arp_.commands.advance();
     }
   }
 
  private:
-  void build_read_set(fd_set& readable) const {
+  // The descriptors worth waiting on now; answers select()'s nfds.
+  int build_read_set(fd_set& readable) const {
     FD_ZERO(&readable);
-    FD_SET(sockets_.g_sd.get(), &readable);
-    FD_SET(sockets_.nlmon_fd.get(), &readable);
-    FD_SET(sockets_.g_arp_sd.get(), &readable);
-    if (signal_wake_fd() >= 0) FD_SET(signal_wake_fd(), &readable);
+    int top = -1;
+    for (const int fd : {sockets_.g_sd.get(), sockets_.nlmon_fd.get(), arp_.port.link_events_fd(),
+                         arp_.port.frames_fd(), arp_.commands.wake_fd(), signal_wake_fd()}) {
+      if (fd < 0) continue;
+      FD_SET(fd, &readable);
+      top = std::max(top, fd);
+    }
+    return top + 1;
   }
 
   void serve(int fd) {
-    if (fd == sockets_.g_arp_sd.get()) {
-      arp_.bind_arp_socket(kArpInterface);
-      const ssize_t n = recv(fd, buffer_, sizeof buffer_, 0);
+    if (fd == arp_.port.link_events_fd()) {
+      arp_.port.on_link_events();
+    } else if (fd == arp_.port.frames_fd()) {
+      const ssize_t n = recv(fd, buffer_, sizeof buffer_, MSG_DONTWAIT);
       if (n > 0) {
         cpa_log(LOG_DEBUG, "got something on ARP sd, len [%d]", static_cast<int>(n));
-        arp_handler_.kestrix_pal_proc_arp(ReceivedBytes(buffer_, static_cast<size_t>(n)));
+        arp_.handler.kestrix_pal_proc_arp(ReceivedBytes(buffer_, static_cast<size_t>(n)));
       }
     } else if (fd == sockets_.g_sd.get()) {
       sockaddr_in source{};
@@ -170,8 +188,7 @@ class EventLoop {
 
   Agent& agent_;
   RpReceiver rp_;
-  ArpPort& arp_;
-  ArpHandler& arp_handler_;
+  ArpSide arp_;
   const DaemonSockets& sockets_;
   TunnelPolicyEvents policy_events_;
   NetlinkListenerContext listener_;
@@ -196,8 +213,8 @@ int run_agent(int argc, char* argv[]) {
   cpa_log(LOG_INFO, "Kernel flavour: %s", flavour_name(opts->settings.kernel_flavour));
 
   DaemonSockets sockets = open_sockets();
-  ArpPort arp(sockets.g_arp_sd.get());
-  arp.bind_arp_socket(kArpInterface);
+  ArpPort arp(std::move(sockets.g_arp_sd), std::move(sockets.link_fd));
+  arp.watch_interface();
   sockets.nlsock_fd = netlink_or_exit(0);
   const uint32_t groups = kernel_backend(opts->settings.kernel_flavour).monitor_groups;
   cpa_log(LOG_DEBUG, "nl_grps 0x%x", groups);
@@ -220,9 +237,9 @@ int run_agent(int argc, char* argv[]) {
   Keepalive keepalive(agent.shared, agent.counters, commands, filter);
   start_keepalive_or_exit(keepalive);
   if (agent.settings.g_unit_test_on) clear_unit_test_leftovers(commands);
-  ProcessEnvironment environment;
-  ArpHandler arp_handler(ArpSeams{devices, commands, environment}, agent.counters.misc_dbg_ctrs);
-  EventLoop(agent, RpReceiver{rp, filter}, arp, arp_handler, sockets).serve_forever();
+  CommandQueue arp_commands(clock, kArpCommandTimeLimitMs, kArpCommandsWaiting, agent.counters.misc_dbg_ctrs.k_arp_err);
+  ArpHandler arp_handler(ArpSeams{devices, arp_commands, arp_commands}, agent.counters.misc_dbg_ctrs);
+  EventLoop(agent, RpReceiver{rp, filter}, ArpSide{arp, arp_handler, arp_commands}, sockets).serve_forever();
 }
 
 }  // namespace cpa

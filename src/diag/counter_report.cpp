@@ -116,6 +116,7 @@ void write_misc_section(ReportWriter& w, const cpa_misc_ctr_t& c) {
   w.single("\n %s \t\t\t\t %8lu ", "ARP request", c.k_arp_req);
   w.single("\n %s \t\t\t %8lu ", "Grat. Arp reply", c.k_arp_reply);
   w.single("\n %s \t\t\t\t %8lu ", "ARP Proc err", c.k_arp_err);
+  w.single("\n %s \t\t\t\t %8lu ", "ARP drops", c.k_arp_filter_drop);
   w.single("\n %s \t\t\t %8lu \n\n", "Non-RP drops", c.k_rp_filter_drop);
 }
 

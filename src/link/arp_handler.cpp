@@ -95,6 +95,11 @@ int kestrix_validate_subnet(NetDeviceSysCalls& sys, const char* ifname, uint32_t
   return 0;
 }
 
+bool arp_address_usable(uint32_t addr) {
+  const uint32_t a = ntohl(addr);
+  return a != 0 && a != 0xffffffffu && (a >> 24) != 127 && (a >> 28) != 0xe;
+}
+
 std::string format_print_mac_address(const uint8_t (&mac)[6], bool print) {
   char text[32];
   std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4],
@@ -110,6 +115,10 @@ int ArpHandler::kestrix_pal_proc_arp(ReceivedBytes packet) {
   }
   const std::optional<arp_eth_ipv4_t> p = parse_arp_packet(packet);
   if (!p) return 0;
+  if (!arp_address_usable(p->ar_sip) || !arp_address_usable(p->ar_tip)) {
+    counters_.k_arp_filter_drop++;
+    return 0;
+  }
   const uint16_t op = ntohs(p->ar_op);
   cpa_log(LOG_DEBUG, "OP code : %d:\n", op);
   if (op == kArpOpRequest) return proc_request(*p);

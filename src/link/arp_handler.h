@@ -25,6 +25,10 @@ int kestrix_validate_ip_addr(NetDeviceSysCalls& sys, const char* ifname, uint32_
 // -1 when the query failed; on success the interface's address goes to `if_addr`.
 int kestrix_validate_subnet(NetDeviceSysCalls& sys, const char* ifname, uint32_t addr, uint32_t* if_addr);
 
+// False for addresses no neighbour may claim or ask for: 0.0.0.0, loopback
+// (127/8), multicast (224/4) and the broadcast address; `addr` in network order.
+bool arp_address_usable(uint32_t addr);
+
 // "aa:bb:cc:dd:ee:ff"; logged at debug level too when `print` is set.
 std::string format_print_mac_address(const uint8_t (&mac)[6], bool print);
 

@@ -23,8 +23,6 @@ timespec SystemClock::monotonic_now() {
 
 int ShellCommandRunner::run(const char* command) { return std::system(command); }
 
-void ProcessEnvironment::set(const char* name, const char* value) { setenv(name, value, 1); }
-
 namespace {
 
 SysCallResult outcome(int rc) { return {rc, rc < 0 ? errno : 0}; }

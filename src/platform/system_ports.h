@@ -22,7 +22,7 @@ class CommandRunner {
   virtual int run(const char* command) = 0;
 };
 
-// The process environment the shell commands inherit.
+// The variables the shell commands inherit.
 class Environment {
  public:
   virtual ~Environment() = default;
@@ -77,11 +77,6 @@ class SystemClock final : public Clock {
 class ShellCommandRunner final : public CommandRunner {
  public:
   int run(const char* command) override;
-};
-
-class ProcessEnvironment final : public Environment {
- public:
-  void set(const char* name, const char* value) override;
 };
 
 class KernelNetDeviceSysCalls final : public NetDeviceSysCalls {

@@ -82,5 +82,24 @@ TEST(Arp, PacketsRunTheirCommandsWithTheirEnvironment) {
   EXPECT_EQ(transcript, read_file(CPA_TESTDATA "/arp_commands.txt"));
 }
 
+TEST(Arp, FramesNamingAnAddressNoHostMayHaveAreDroppedAndCounted) {
+  const struct {
+    const char* addr;
+    bool usable;
+  } cases[] = {{"0.0.0.0", false},   {"0.0.0.1", true},     {"127.0.0.1", false}, {"127.255.255.255", false},
+               {"126.255.255.255", true}, {"223.255.255.255", true}, {"224.0.0.1", false}, {"239.1.2.3", false},
+               {"240.0.0.1", true},  {"255.255.255.254", true}, {"255.255.255.255", false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.addr);
+    uint32_t addr = 0;
+    inet_pton(AF_INET, c.addr, &addr);
+    EXPECT_EQ(arp_address_usable(addr), c.usable);
+    ArpBench arp;
+    EXPECT_EQ(arp.deliver(packet(1, c.addr, "10.9.0.2")) + arp.deliver(packet(2, "10.9.0.1", c.addr)), 0);
+    EXPECT_EQ(arp.counters.k_arp_filter_drop, c.usable ? 0u : 2u);
+    EXPECT_EQ(arp.commands.commands.empty(), !c.usable);
+  }
+}
+
 }  // namespace
 }  // namespace cpa::test
