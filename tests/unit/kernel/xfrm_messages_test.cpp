@@ -237,8 +237,8 @@ TEST_F(PolicyMessages, AnyPortIsPortZeroAndAMissingDeviceIndexZero) {
 using Attrs = std::initializer_list<std::pair<uint16_t, Message>>;
 
 // Header (sequence number 1), body, attributes.
-template <class Body, class AttrList = Attrs>
-Message message(uint16_t type, const Body& body, const AttrList& attrs) {
+template <class Body>
+Message message(uint16_t type, const Body& body, Attrs attrs) {
   net_buf buffer{};
   NlMessage m(buffer);
   m.put_header(type, NLM_F_REQUEST | NLM_F_ACK, static_cast<uint32_t>(getpid()), 1);
@@ -255,44 +255,32 @@ Message algo(const char* name, size_t key_len, uint8_t first) {
   return Bytes().host(a).ramp(first, key_len);
 }
 
-// A window above 32 leaves the body's field 0 and goes as the extended replay
-// state: bmp_len, four sequence numbers, the window, then the zeroed bitmap.
+// A 64-packet window leaves the body's field 0 and goes as the extended replay
+// state: bmp_len 2, four sequence numbers, the window, the zeroed bitmap.
 TEST(LinuxXfrmMessages, AnSaIsTheKernelsOwnBodyWithTheInterfaceIdReplayStateAndAlgorithms) {
-  struct Row {
-    int window;
-    uint8_t body_window;
-    std::vector<std::pair<uint16_t, Message>> replay;
-  };
-  const Row rows[] = {
-      {32, 32, {}},
-      {64, 0, {{XFRMA_REPLAY_ESN_VAL, Bytes().h32(2).h32(0).h32(0).h32(0).h32(0).h32(64).h32(0).h32(0)}}},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.window);
-    ::xfrm_usersa_info sa{};
-    sa.sel.family = sa.family = AF_INET;
-    sa.id.daddr.a4 = htonl(0x0a000002);
-    sa.saddr.a4 = htonl(0x0a000001);
-    sa.id.spi = htonl(0x1234abcd);
-    sa.id.proto = IPPROTO_ESP;
-    sa.lft.soft_byte_limit = sa.lft.hard_byte_limit = XFRM_INF;
-    sa.lft.soft_packet_limit = sa.lft.hard_packet_limit = XFRM_INF;
-    sa.lft.soft_add_expires_seconds = 3000;
-    sa.lft.hard_add_expires_seconds = 3600;
-    sa.reqid = 3;
-    sa.mode = 1;
-    sa.replay_window = row.body_window;
-    kestrix_ce_cipher_list_t record;
-    aes_sha1(record);
-    KernelTestAgent t(AgentSettings{0, 0, KernelFlavour::kLinux});
-    t.kernel.answer_next({nl_error(1, getpid(), 0)});  // the platform's fake would refuse the layout
-    ASSERT_EQ(kestrix_nlink_sa_add(t.agent.nlink, record, 7, 3, nullptr, row.window), 0);
-    std::vector<std::pair<uint16_t, Message>> attrs{{XFRMA_IF_ID, Bytes().h32(7)}};
-    attrs.insert(attrs.end(), row.replay.begin(), row.replay.end());
-    attrs.push_back({XFRMA_ALG_CRYPT, algo<::xfrm_algo>("cbc(aes)", 16, 0x10)});
-    attrs.push_back({XFRMA_ALG_AUTH, algo<::xfrm_algo>("hmac(sha1)", 20, 0x40)});
-    EXPECT_EQ(t.kernel.requests().at(0), message(XFRM_MSG_NEWSA, sa, attrs));
-  }
+  ::xfrm_usersa_info sa{};
+  sa.sel.family = sa.family = AF_INET;
+  sa.id.daddr.a4 = htonl(0x0a000002);
+  sa.saddr.a4 = htonl(0x0a000001);
+  sa.id.spi = htonl(0x1234abcd);
+  sa.id.proto = IPPROTO_ESP;
+  sa.lft.soft_byte_limit = sa.lft.hard_byte_limit = XFRM_INF;
+  sa.lft.soft_packet_limit = sa.lft.hard_packet_limit = XFRM_INF;
+  sa.lft.soft_add_expires_seconds = 3000;
+  sa.lft.hard_add_expires_seconds = 3600;
+  sa.reqid = 3;
+  sa.mode = 1;
+  kestrix_ce_cipher_list_t record;
+  aes_sha1(record);
+  KernelTestAgent t(AgentSettings{0, 0, KernelFlavour::kLinux});
+  t.kernel.answer_next({nl_error(1, getpid(), 0)});  // the platform's fake would refuse the layout
+  ASSERT_EQ(kestrix_nlink_sa_add(t.agent.nlink, record, 7, 3, nullptr, 64), 0);
+  EXPECT_EQ(t.kernel.requests().at(0),
+            message(XFRM_MSG_NEWSA, sa,
+                    {{XFRMA_IF_ID, Bytes().h32(7)},
+                     {XFRMA_REPLAY_ESN_VAL, Bytes().h32(2).zeros(16).h32(64).zeros(8)},
+                     {XFRMA_ALG_CRYPT, algo<::xfrm_algo>("cbc(aes)", 16, 0x10)},
+                     {XFRMA_ALG_AUTH, algo<::xfrm_algo>("hmac(sha1)", 20, 0x40)}}));
 }
 
 TEST(LinuxSaCounters, ComeFromTheLifetimeAndStatsOfTheKernelsAnswer) {
