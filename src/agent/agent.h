@@ -52,6 +52,7 @@ struct Agent {
   TunnelTable tunnels;
   PeerTable peers;
   CipherList cipher_info_list;  // key material not yet claimed by an SA, newest first
+  int64_t next_cipher_sweep_s = 0;  // when release_unclaimed next walks the list
   FastPathStats fastpath;  // the fast path's counters; mapped at start-up
   NetlinkTransport nlink;  // kernel requests; its socket is attached at start-up
   TunnelKernelProgram kernel;  // what the tunnels hold in the kernel

@@ -32,11 +32,11 @@ const CealApi kCealApis[] = {
 
 }  // namespace
 
-void ceal_answer_handle_no_err(ReceivedBytes msg, std::vector<uint8_t>& response) {
+void ceal_answer_handle(ReceivedBytes msg, std::vector<uint8_t>& response, ce_status_t status) {
   const ReceivedBytes handle = msg.slice(kCealBodyOffset, 4);
   if (handle.size()) std::memcpy(response.data() + kCealBodyOffset, handle.data(), handle.size());
-  const uint32_t status = htonl(CRYPTO_NO_ERR);
-  std::memcpy(response.data() + kCealBodyOffset + 4, &status, sizeof status);
+  const uint32_t wire_status = htonl(status);
+  std::memcpy(response.data() + kCealBodyOffset + 4, &wire_status, sizeof wire_status);
 }
 
 int kestrix_ceal_build_response(uint16_t ceal_cmd_type, uint8_t* buf, uint16_t sendlen) {

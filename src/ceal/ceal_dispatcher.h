@@ -22,8 +22,8 @@ using CealBodyHandler = int (*)(Agent& agent, ReceivedBytes msg, std::vector<uin
 int kestrix_pal_process_ceal_msg(Agent& agent, ReceivedBytes msg);
 
 // Fills a response whose body is the request's 4-byte handle and a status:
-// the handle bytes as they arrived (zero where none did), then CRYPTO_NO_ERR.
-void ceal_answer_handle_no_err(ReceivedBytes msg, std::vector<uint8_t>& response);
+// the handle bytes as they arrived (zero where none did), then `status`.
+void ceal_answer_handle(ReceivedBytes msg, std::vector<uint8_t>& response, ce_status_t status);
 
 // Writes the 6-byte CEAL response head (type, total length, api type).
 int kestrix_ceal_build_response(uint16_t ceal_cmd_type, uint8_t* buf, uint16_t sendlen);

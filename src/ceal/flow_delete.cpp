@@ -50,7 +50,7 @@ int ceal_delete_flow(Agent& agent, ReceivedBytes msg, std::vector<uint8_t>& resp
   const uint32_t flow_id = ntohl(req->flow_id);
   cpa_log(LOG_DEBUG, "DELETE FLOW req flow id [%d]", static_cast<int>(flow_id));
   kestrix_ceal_del_flow(agent, flow_id);
-  ceal_answer_handle_no_err(msg, response);
+  ceal_answer_handle(msg, response, CRYPTO_NO_ERR);
   cpa_log(LOG_DEBUG, "KESTRIX_CEAL_CE_DELETE_FLOW:END");
   return 0;
 }

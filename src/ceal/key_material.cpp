@@ -7,6 +7,7 @@
 
 #include "ceal/ceal_dispatcher.h"
 #include "base/log.h"
+#include "state/cipher_claim.h"
 #include "wire/byte_order.h"
 
 namespace cpa {
@@ -211,7 +212,17 @@ bool kestrix_ceal_fetch_keyinfo(ReceivedBytes key_area, kestrix_ce_cipher_list_t
 
 // The record is stored and the RP told CRYPTO_NO_ERR whatever the key area
 // held: a bad key area is only logged.
+// Past kMaxWaitingCipherRecords (after the overdue ones went) the request
+// is refused, and nothing is stored.
 int ceal_create_key_by_keys(Agent& agent, ReceivedBytes msg, std::vector<uint8_t>& response) {
+  const int64_t now_s = agent.sys.clock.monotonic_now().tv_sec;
+  release_unclaimed(agent.cipher_info_list, now_s, agent.next_cipher_sweep_s);
+  if (agent.cipher_info_list.size() >= kMaxWaitingCipherRecords) {
+    cpa_log(LOG_ERR, "CREATE_KEY: %zu cipher records wait for their SA already, request refused",
+            agent.cipher_info_list.size());
+    ceal_answer_handle(msg, response, CRYPTO_ERR_RESOURCES);
+    return 0;
+  }
   auto record = new_record<kestrix_ce_cipher_list_t>();
   if (!record) {
     cpa_log(LOG_ERR, "malloc: Resource unavailable for cipher_node in CREATE_KEY");
@@ -229,10 +240,11 @@ int ceal_create_key_by_keys(Agent& agent, ReceivedBytes msg, std::vector<uint8_t
   if (kestrix_ceal_fetch_keyinfo(msg.slice(kCealKeyAreaOffset), *record, key_len))
     log_esp_mac_missing(record->ce_cipher, msg, message_length);
 
-  // It waits there until its SA claims it; nothing else bounds the list.
+  // It waits there until its SA claims it or it is overdue.
+  record->waiting_since = now_s;
   cpa_log(LOG_DEBUG, " \ninsert cipher node - [0x%x]", log_addr(record.get()));
   insert_node_cipher_info(agent.cipher_info_list, std::move(record));
-  ceal_answer_handle_no_err(msg, response);
+  ceal_answer_handle(msg, response, CRYPTO_NO_ERR);
   return 0;
 }
 

@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <linux/xfrm.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "kernel/kernel_dialect.h"
@@ -33,6 +34,24 @@ static_assert(offsetof(::xfrm_user_tmpl, reqid) == offsetof(xfrm_user_tmpl, reqi
 
 void append_if_id(XfrmRequest& req, uint32_t tunnelid) {
   req.msg.put_attr(::XFRMA_IF_ID, tunnelid);
+}
+
+// The SA body's replay field holds at most a 32-packet window (the kernel
+// clamps it to its 32-bit bitmap). A larger window goes as the extended
+// replay state with a bitmap of window / 32 words; the kernel then wants the
+// body's field 0. Without the XFRM_STATE_ESN flag the kernel keeps 32-bit
+// sequence numbers and uses the state only for its bitmap.
+constexpr uint32_t kClassicReplayWindow = 32;
+constexpr uint32_t kMaxReplayWindow = 64;
+
+// A window above 32 as an XFRMA_REPLAY_ESN_VAL attribute.
+void append_replay_state(XfrmRequest& req, uint32_t window) {
+  ::xfrm_replay_state_esn state{};
+  state.bmp_len = std::min(window, kMaxReplayWindow) / 32;
+  state.replay_window = state.bmp_len * 32;
+  uint8_t attr[sizeof state + kMaxReplayWindow / 8] = {};  // the bitmap starts empty
+  std::memcpy(attr, &state, sizeof state);
+  req.msg.put_attr(::XFRMA_REPLAY_ESN_VAL, attr, sizeof state + state.bmp_len * sizeof(uint32_t));
 }
 
 template <class Body>
@@ -79,8 +98,12 @@ class LinuxDialect final : public KernelDialect {
                     uint32_t reqid, int replay_window) const override {
     ::xfrm_usersa_info sa{};
     fill_sa_info(sa, sa_info, reqid, replay_window);
+    const uint32_t window = sa.replay_window;
+    const bool wide = window > kClassicReplayWindow;
+    if (wide) sa.replay_window = 0;  // the attribute carries it
     req.begin(::XFRM_MSG_NEWSA, req.port_id, sa);
     append_if_id(req, tunid);
+    if (wide) append_replay_state(req, window);
     return append_algorithms<::xfrm_algo, ::xfrm_algo_aead>(req.msg, sa_info, ::XFRMA_ALG_AUTH,
                                                             ::XFRMA_ALG_CRYPT, ::XFRMA_ALG_AEAD);
   }

@@ -78,6 +78,9 @@ ce_status_t kestrix_acl_proc_insert_replace(Agent& agent, const ReceivedBytes& r
     cpa_log(LOG_DEBUG, "Duplicate policy found. Returning no error\n");
     return CRYPTO_NO_ERR;
   }
+  const bool replaces = opcode == kestrix_replace && !tunnel.head_policy.empty();
+  if (!replaces && !has_room(tunnel.head_policy, kMaxPoliciesPerTunnel, "ACL MODIFY", indx, "policies"))
+    return CRYPTO_ERR_RESOURCES;
   // The old policy goes before the new one reaches the kernel: a refused
   // install leaves the tunnel without either.
   if (opcode == kestrix_replace) {

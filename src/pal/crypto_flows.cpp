@@ -142,6 +142,8 @@ ce_status_t add_flow(Agent& agent, const FlowRequest& kind, const ReceivedBytes&
       [&](const StreamRecord& record) { return read_flow_record(kind, record, *sa, decoded); });
   if (walk.truncated) return walk.status;  // the record's line says why
   if (walk.status != CRYPTO_NO_ERR || !decoded) return flow_failed(kind);
+  if (!has_room(tunnel.outb_sa_list, kMaxSasPerDirection, kind.who, tunnel.sadb_handle, "outbound SAs"))
+    return CRYPTO_ERR_RESOURCES;
   const uint64_t flow = sa->outbound.data.encrypt.sa;
   if (kestrix_cipher_info_alloc_get(agent.cipher_info_list, &sa->outbound, &sa->sa_info) != 0) {
     if (flow_id) {

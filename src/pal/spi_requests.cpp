@@ -148,6 +148,8 @@ ce_status_t kestrix_alloc_ins_spi_sa(Agent& agent, const ReceivedBytes& req, siz
   const StreamWalk walk = read_decrypt_action(req, req_buf_len, *sa);
   if (walk.truncated) return walk.status;
   if (walk.status != CRYPTO_NO_ERR) return insert_failed();
+  if (!has_room(tunnel->inb_sa_list, kMaxSasPerDirection, "INSERT SPI", index, "inbound SAs"))
+    return CRYPTO_ERR_RESOURCES;
   const uint32_t flow = sa->action.data.decrypt.sa;
   // Without waiting key material the SA was installed by an earlier insert
   // (or its keys never came): the RP still gets its flow id.

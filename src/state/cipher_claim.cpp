@@ -45,4 +45,15 @@ int kestrix_cipher_info_alloc_get(CipherList& list, const kestrix_cdh_action* ac
   return 1;
 }
 
+void release_unclaimed(CipherList& list, int64_t now_s, int64_t& next_sweep_s) {
+  if (now_s < next_sweep_s) return;
+  next_sweep_s = now_s + 60;
+  const size_t released = list.release_if([now_s](const kestrix_ce_cipher_list_t& record) {
+    return now_s - record.waiting_since >= kUnclaimedCipherSeconds;
+  });
+  if (released)
+    cpa_log(LOG_WARNING, "Released %zu cipher records no SA claimed within %lld s", released,
+            static_cast<long long>(kUnclaimedCipherSeconds));
+}
+
 }  // namespace cpa

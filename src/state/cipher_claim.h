@@ -16,4 +16,9 @@ namespace cpa {
 int kestrix_cipher_info_alloc_get(CipherList& list, const kestrix_cdh_action* action,
                                   std::unique_ptr<kestrix_ce_cipher_list_t>* cipher_info);
 
+// Releases the records of `list` that waited kUnclaimedCipherSeconds or
+// longer at `now_s` (one LOG_WARNING line counts them). The list is walked
+// at most once a minute: `next_sweep_s` holds the time of the next walk.
+void release_unclaimed(CipherList& list, int64_t now_s, int64_t& next_sweep_s);
+
 }  // namespace cpa

@@ -6,6 +6,7 @@
 
 #include <string.h>
 
+#include <cstddef>
 #include <cstdint>
 
 #include "state/object_lists.h"
@@ -14,6 +15,15 @@
 namespace cpa {
 
 inline constexpr uint16_t kMaxKeyBytes = 256;
+
+// At most this many records wait for their SA. A tunnel waits for two at a
+// time (the inbound and outbound keys of one rekey), so four per tunnel lets
+// all 4095 tunnels rekey twice over before a single SA claims its keys, while
+// the full list stays near 17 MiB.
+inline constexpr size_t kMaxWaitingCipherRecords = 4 * 4095;
+// A record no SA claimed for this long is released: the RP inserts the SA
+// right after its keys, so an SA this late is not coming.
+inline constexpr int64_t kUnclaimedCipherSeconds = 10 * 60;
 
 // One stored key: `type` is the key's TLV type (0 when absent), `len` the
 // number of key bytes at the start of `data`. Its bytes are wiped when it
@@ -32,6 +42,7 @@ struct kestrix_key_val_t {
 struct cpa_cipher_info_list_ : ListNode<cpa_cipher_info_list_> {
   int32_t ipsec_index = 0;  // the CEAL flow id ("ceid")
   uint32_t ipsec_sa = 0;    // the RP's SA handle; an action's `sa` claims it
+  int64_t waiting_since = 0;  // monotonic seconds when it joined the list
   kestrix_ce_cipher_info ce_cipher{};
   kestrix_key_val_t esp_key_info;
   kestrix_key_val_t esp_mac_key_info;

@@ -3,6 +3,7 @@
 // successor; nodes are found by identity (address), never by content.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <new>
@@ -58,6 +59,7 @@ class ObjectList {
 
   Node* head() const { return head_.get(); }
   bool empty() const { return !head_; }
+  size_t size() const { return size_; }
   Iterator<Node> begin() { return Iterator<Node>(head_.get()); }
   Iterator<Node> end() { return Iterator<Node>(nullptr); }
   Iterator<const Node> begin() const { return Iterator<const Node>(head_.get()); }
@@ -71,6 +73,7 @@ class ObjectList {
     }
     node->next = std::move(head_);
     head_ = std::move(node);
+    ++size_;
     return 0;
   }
 
@@ -89,14 +92,47 @@ class ObjectList {
     }
     std::unique_ptr<Node> unlinked = std::move(*link);
     *link = std::move(unlinked->next);
+    --size_;
     return unlinked;
   }
 
-  void clear() { head_.reset(); }
+  // Releases every node for which `doomed(node)` holds; gives their number.
+  template <class Pred>
+  size_t release_if(Pred doomed) {
+    size_t released = 0;
+    for (std::unique_ptr<Node>* link = &head_; *link;) {
+      if (!doomed(**link)) {
+        link = &(*link)->next;
+        continue;
+      }
+      std::unique_ptr<Node> gone = std::move(*link);
+      *link = std::move(gone->next);
+      ++released;
+    }
+    size_ -= released;
+    return released;
+  }
+
+  void clear() {
+    head_.reset();
+    size_ = 0;
+  }
 
  private:
   std::unique_ptr<Node> head_;
+  size_t size_ = 0;
 };
+
+// Whether `list` takes one more node under `cap`. When it does not, one
+// LOG_ERR line names the request, the tunnel and the full list.
+template <class Node>
+bool has_room(const ObjectList<Node>& list, size_t cap, const char* request, uint32_t slot,
+              const char* what) {
+  if (list.size() < cap) return true;
+  cpa_log(LOG_ERR, "%s: tunnel %u holds %zu %s, the most it may; request refused", request, slot,
+          list.size(), what);
+  return false;
+}
 
 // Dotted text of a host-order IPv4 address, three digits per octet
 // ("010.000.000.001"): always 15 characters and the terminator.

@@ -2,6 +2,7 @@
 // operations on them.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -10,6 +11,10 @@
 #include "wire/pal_messages.h"
 
 namespace cpa {
+
+// At most this many policies per tunnel. The RP keeps one ACL per tunnel and
+// replaces it in place; 64 covers any installs that precede their removals.
+inline constexpr size_t kMaxPoliciesPerTunnel = 64;
 
 // Kernel policy directions (the kernel's XFRM_POLICY_IN and XFRM_POLICY_OUT).
 inline constexpr uint32_t kAceDirIn = 0;

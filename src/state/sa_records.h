@@ -2,6 +2,7 @@
 // cipher record it claimed; releasing the SA releases the record with it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -11,6 +12,11 @@
 #include "wire/cp_dp_msg.h"
 
 namespace cpa {
+
+// At most this many SAs per direction per tunnel. Around a rekey a tunnel
+// holds the old and the new SA until the RP deletes the old one, so 64
+// leaves room for dozens of rekeys whose deletes are late.
+inline constexpr size_t kMaxSasPerDirection = 64;
 
 // One decrypting SA, built by an SPI insert.
 struct cpa_inbound_sa_s : ListNode<cpa_inbound_sa_s> {

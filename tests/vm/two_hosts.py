@@ -4,7 +4,7 @@ virtual machine of scripts/vm-run.sh, whose kernel has ESP and xfrm interfaces).
 
     site-a ── host-a ══ ESP over veth ══ host-b ── site-b
 
-Every box is a network namespace. Each host runs one agent with `-k linux`,
+Every box is a network namespace. Each host runs one agent with `-k linux -r 64`,
 driven by its own RP through the life of one tunnel (svti7, if_id 7) between
 the sites; the kernel tables, the traffic and the wire are checked on the way.
 
@@ -122,7 +122,8 @@ def xfrm_blocks(ns, what, stats=False):
 
 ENTRY_FIELDS = dict(src=r"^src (\S+)", dst=r"^src \S+ dst (\S+)", proto=r"proto (\w+)",
                     mode=r"mode (\w+)", reqid=r"reqid (\d+)", if_id=r"if_id (0x[0-9a-f]+)")
-STATE_FIELDS = dict(ENTRY_FIELDS, spi=r"spi (0x[0-9a-f]+)", enc=r"\benc (\S+)", auth=r"\bauth(?:-trunc)? (\S+)")
+STATE_FIELDS = dict(ENTRY_FIELDS, spi=r"spi (0x[0-9a-f]+)", enc=r"\benc (\S+)", auth=r"\bauth(?:-trunc)? (\S+)",
+                    window=r"\breplay_window (\d+)")
 POLICY_FIELDS = dict(ENTRY_FIELDS, dir=r"dir (\w+)", tmpl_src=r"tmpl src (\S+)",
                      tmpl_dst=r"tmpl src \S+ dst (\S+)")
 
@@ -145,7 +146,7 @@ def sa_counters(h):
 
 def expected_states(h, reqid):
     sa = lambda src, dst, spi: dict(src=src, dst=dst, proto="esp", spi=spi, reqid=reqid, mode="tunnel",
-                                    if_id=TUNNEL, enc="cbc(aes)", auth="hmac(sha1)")
+                                    if_id=TUNNEL, enc="cbc(aes)", auth="hmac(sha1)", window="64")
     return [sa(h.wan, h.peer.wan, h.spi_out), sa(h.peer.wan, h.wan, h.spi_in)]
 
 
@@ -166,7 +167,7 @@ def check_kernel_tables(agents):
     for agent in agents:
         h, reqid = agent.h, agent.sadb
         states = [entry_of(b, STATE_FIELDS) for b in xfrm_blocks(h.ns, "state")]
-        check(f"{h.name}: exactly the expected SAs (directions, SPIs, if_id, algorithms)",
+        check(f"{h.name}: exactly the expected SAs (directions, SPIs, if_id, algorithms, replay window 64)",
               sorted_dicts(states) == sorted_dicts(expected_states(h, reqid)), states)
         policies = [entry_of(b, POLICY_FIELDS) for b in xfrm_blocks(h.ns, "policy")]
         check(f"{h.name}: exactly the expected policies (directions, selectors, templates, if_id)",
@@ -302,7 +303,7 @@ class HostAgent:
         self.out_flow, self.in_flow = 10 * index + 1, 10 * index + 2
         self.out_sa, self.in_sa = 0x5A00 + 10 * index + 1, 0x5A00 + 10 * index + 2
         self.sadb = 0
-        self.process = subprocess.Popen(["ip", "netns", "exec", h.ns, BINARY, "-k", "linux"],
+        self.process = subprocess.Popen(["ip", "netns", "exec", h.ns, BINARY, "-k", "linux", "-r", "64"],
                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, close_fds=False)
         with netns(h.ns):
             self.rp = RpLink()
@@ -395,7 +396,7 @@ def addr(text):
 
 
 def scenario():
-    print(f"== {BINARY} -k linux on each host, driven by its RP", flush=True)
+    print(f"== {BINARY} -k linux -r 64 on each host, driven by its RP", flush=True)
     log = agent_log()
     agents = []
     try:

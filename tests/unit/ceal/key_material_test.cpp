@@ -101,5 +101,34 @@ TEST(CreateKeyByKeys, TakesTheKeysOfTheKeyAreaAndStoresTheRecordWhateverItHeld) 
   EXPECT_EQ(transcript, read_file(CPA_TESTDATA "/create_key_keys.txt"));
 }
 
+// Past the cap nothing is stored; records unclaimed for the age limit go on
+// a later request, in a walk at most once a minute.
+TEST(CreateKeyByKeys, PastTheCapIsRefusedUntilUnclaimedRecordsAgeOut) {
+  TestAgent t;
+  CipherList& waiting = t.agent.cipher_info_list;
+  const auto stamp = [&](int64_t since, size_t n) {
+    for (; n; --n) {
+      insert_node_cipher_info(waiting, new_record<kestrix_ce_cipher_list_t>());
+      waiting.head()->waiting_since = since;
+    }
+  };
+  const auto status = [&] { return be32_at(t.exchange(create_key(esp_cipher_info(0), {})), 10); };
+  const size_t half = kMaxWaitingCipherRecords / 2;
+  stamp(1000 - kUnclaimedCipherSeconds, half);  // overdue at the clock's 1000 s
+  stamp(1001 - kUnclaimedCipherSeconds, half);
+  EXPECT_EQ(status(), CRYPTO_NO_ERR);
+  EXPECT_TRUE(t.log.has(LOG_WARNING, "Released 8190 cipher records no SA claimed within 600 s"));
+  stamp(1000, half - 1);
+  t.clock.now.tv_sec += 59;  // the rest are overdue now, but the next walk is a minute after the last
+  t.log.clear();
+  EXPECT_EQ(status(), CRYPTO_ERR_RESOURCES);
+  EXPECT_EQ(t.log.texts(LOG_ERR),
+            std::vector<std::string>{"CREATE_KEY: 16380 cipher records wait for their SA already, request refused"});
+  EXPECT_EQ(waiting.size(), kMaxWaitingCipherRecords);
+  t.clock.now.tv_sec += 1;
+  EXPECT_EQ(status(), CRYPTO_NO_ERR);
+  EXPECT_EQ(waiting.size(), half + 1);
+}
+
 }  // namespace
 }  // namespace cpa::test

@@ -255,7 +255,9 @@ Message algo(const char* name, size_t key_len, uint8_t first) {
   return Bytes().host(a).ramp(first, key_len);
 }
 
-TEST(LinuxXfrmMessages, AnSaIsTheKernelsOwnBodyWithTheInterfaceIdAndAlgorithms) {
+// A 64-packet window leaves the body's field 0 and goes as the extended replay
+// state: bmp_len 2, four sequence numbers, the window, the zeroed bitmap.
+TEST(LinuxXfrmMessages, AnSaIsTheKernelsOwnBodyWithTheInterfaceIdReplayStateAndAlgorithms) {
   ::xfrm_usersa_info sa{};
   sa.sel.family = sa.family = AF_INET;
   sa.id.daddr.a4 = htonl(0x0a000002);
@@ -268,7 +270,6 @@ TEST(LinuxXfrmMessages, AnSaIsTheKernelsOwnBodyWithTheInterfaceIdAndAlgorithms) 
   sa.lft.hard_add_expires_seconds = 3600;
   sa.reqid = 3;
   sa.mode = 1;
-  sa.replay_window = 64;
   kestrix_ce_cipher_list_t record;
   aes_sha1(record);
   KernelTestAgent t(AgentSettings{0, 0, KernelFlavour::kLinux});
@@ -276,7 +277,9 @@ TEST(LinuxXfrmMessages, AnSaIsTheKernelsOwnBodyWithTheInterfaceIdAndAlgorithms) 
   ASSERT_EQ(kestrix_nlink_sa_add(t.agent.nlink, record, 7, 3, nullptr, 64), 0);
   EXPECT_EQ(t.kernel.requests().at(0),
             message(XFRM_MSG_NEWSA, sa,
-                    {{XFRMA_IF_ID, Bytes().h32(7)}, {XFRMA_ALG_CRYPT, algo<::xfrm_algo>("cbc(aes)", 16, 0x10)},
+                    {{XFRMA_IF_ID, Bytes().h32(7)},
+                     {XFRMA_REPLAY_ESN_VAL, Bytes().h32(2).zeros(16).h32(64).zeros(8)},
+                     {XFRMA_ALG_CRYPT, algo<::xfrm_algo>("cbc(aes)", 16, 0x10)},
                      {XFRMA_ALG_AUTH, algo<::xfrm_algo>("hmac(sha1)", 20, 0x40)}}));
 }
 

@@ -165,5 +165,36 @@ TEST(SaRequests, RefusalsKeepNothingAndLeaveTheKeyMaterialWaitingUnlessTheKernel
   }
 }
 
+// A full list refuses before the kernel hears of the request or a record
+// leaves the waiting list. Each answer ends with its status.
+TEST(SaRequests, PastATunnelListsCapTheRequestIsRefusedWithOneLineAndChangesNothing) {
+  const auto fill = [](auto& list, size_t cap) {
+    while (list.size() < cap) list.insert_node(new_record<std::remove_pointer_t<decltype(list.head())>>());
+  };
+  const std::pair<std::vector<uint8_t>, std::string> cases[] = {
+      {spi_insert({decrypt(0x51)}), "INSERT SPI: tunnel 1 holds 64 inbound SAs"},
+      {cflow_insert({encrypt(0x61)}), "INSERT CFLOW: tunnel 1 holds 64 outbound SAs"},
+      {cflow_modify({encrypt(0x61)}), "UPDATE CFLOW: tunnel 1 holds 64 outbound SAs"},
+      {acl_request(2, {ace_record(1, AceSpec{}), action_record(9, 1, Bytes().be32(7))}),
+       "ACL MODIFY: tunnel 1 holds 64 policies"},
+  };
+  for (const auto& [request, line] : cases) {
+    SaWorld w;
+    w.key(0x51, false, 1);
+    w.key(0x61, true, 2);
+    fill(w.tunnel().inb_sa_list, kMaxSasPerDirection);
+    fill(w.tunnel().outb_sa_list, kMaxSasPerDirection);
+    fill(w.tunnel().head_policy, kMaxPoliciesPerTunnel);
+    const size_t sent = w.t.kernel.requests().size();
+    const auto answer = w.t.exchange(request);
+    EXPECT_EQ(be32_at(answer, answer.size() - 4), CRYPTO_ERR_RESOURCES) << line;
+    EXPECT_EQ(w.t.log.texts(LOG_ERR), std::vector<std::string>{line + ", the most it may; request refused"});
+    EXPECT_EQ(w.t.kernel.requests().size(), sent) << line;
+    EXPECT_EQ(w.tunnel().inb_sa_list.size() + w.tunnel().outb_sa_list.size() + w.tunnel().head_policy.size(),
+              3 * 64u);
+    EXPECT_EQ(w.waiting().size(), 2u) << line;
+  }
+}
+
 }  // namespace
 }  // namespace cpa::test
