@@ -19,6 +19,7 @@ constexpr uint8_t kTunnelMode = 1;
 constexpr uint32_t kDelete = 1;
 constexpr uint32_t kReplace = 1;
 constexpr uint8_t kXfrmPolicyFwd = 2;
+constexpr uint32_t kBySelector = 0;  // the kernel index of a delete that names the selector
 
 // The kernel directions one ACE entry stands for.
 std::span<const uint8_t> kernel_dirs(const KernelBackend& backend, uint32_t ace_dir) {
@@ -53,18 +54,17 @@ kestrix_crypto_ace mirrored(const kestrix_crypto_ace& ace) {
   return twin;
 }
 
-// Puts the inbound twin of `ace` at the head of the policy's ACE list.
-ce_status_t append_twin(cpa_spd_policy_t& policy, const ace_netlink_t& ace) {
+// The inbound twin record of `ace`, or null when memory is exhausted.
+std::unique_ptr<ace_netlink_t> twin_of(const ace_netlink_t& ace) {
   std::unique_ptr<ace_netlink_t> twin = new_record<ace_netlink_t>();
   if (!twin) {
     cpa_log(LOG_ERR, "NEW_NODE: Resource unavailable");
     cpa_log(LOG_ERR, "Null ace_node");
-    return CRYPTO_ERR_RESOURCES;
+    return nullptr;
   }
   twin->ace = mirrored(ace.ace);
   twin->dir = kAceDirIn;
-  insert_node_ace(policy.ace_entry, std::move(twin));
-  return CRYPTO_NO_ERR;
+  return twin;
 }
 
 cpa_netlink_ctr_t* delete_counter(cpa_netlink_global_ctr_t& ctrs, uint32_t dir) {
@@ -182,12 +182,42 @@ ce_status_t TunnelKernelProgram::install_policy(const cpa_interface_t& tunnel,
   const Binding binding{tunnel.tunnelid, tunnel.reqid, current_template(tunnel)};
   // Twins go to the head of the list, so the walk over the request's ACEs
   // goes on through the successors they had before: none of them changes.
+  // The twin is made first: once an ACE is in the kernel, its twin is listed.
   for (ace_netlink_t* ace = policy->ace_entry.head(); ace; ace = ace->next.get()) {
-    ce_status_t status = install_ace(ace->ace, update, binding);
-    if (status == CRYPTO_NO_ERR) status = append_twin(*policy, *ace);
-    if (status != CRYPTO_NO_ERR) return status;
+    std::unique_ptr<ace_netlink_t> twin = twin_of(*ace);
+    const ce_status_t status = twin ? install_ace(ace->ace, update, binding) : CRYPTO_ERR_RESOURCES;
+    if (status != CRYPTO_NO_ERR) {
+      take_back(*policy, ace, binding);
+      return status;
+    }
+    insert_node_ace(policy->ace_entry, std::move(twin));
   }
   return CRYPTO_NO_ERR;
+}
+
+// The ACEs listed before `failed` are the twins of the ACEs installed so far
+// (at the head) and those ACEs: the policies they stand for are deleted, by
+// selector as their kernel indexes may not have reached the agent yet, so
+// that the kernel holds what it held before the request.
+void TunnelKernelProgram::take_back(const cpa_spd_policy_t& policy, const ace_netlink_t* failed,
+                                    const Binding& binding) {
+  size_t taken = 0;
+  for (const ace_netlink_t* ace = policy.ace_entry.head(); ace != failed; ace = ace->next.get())
+    taken += delete_policies(*ace, binding, kBySelector);
+  if (taken != 0) cpa_log(LOG_ERR, "Took back %zu kernel policies of the refused ACL", taken);
+}
+
+// Deletes the kernel policies `ace` stands for, by kernel index `index` or
+// by selector (kBySelector), stopping at the first refusal. Returns how many
+// went.
+size_t TunnelKernelProgram::delete_policies(const ace_netlink_t& ace, const Binding& binding, uint32_t index) {
+  size_t deleted = 0;
+  for (const uint8_t dir : kernel_dirs(backend_, ace.dir)) {
+    const XfrmPolicyArgs selector = binding.policy(ace.ace, dir, kPolicyAllow);
+    if (kestrix_nlink_policy_getordel(nl_, kDelete, selector, index, delete_counter(counters_, dir)) != 0) break;
+    ++deleted;
+  }
+  return deleted;
 }
 
 // On the platform only the first ACE of each direction ever receives a
@@ -205,16 +235,12 @@ ce_status_t TunnelKernelProgram::remove_newest_policy(const cpa_interface_t& tun
     return CRYPTO_ERR_INTERNAL;
   }
   const Binding binding{tunnel.tunnelid, tunnel.reqid, PolicyTemplate{}};
-  const uint32_t by_selector = 0;
   for (const ace_netlink_t& ace : policy->ace_entry) {
     cpa_log(LOG_DEBUG, "DEL ACE  %x next %x", log_addr(&ace), log_addr(ace.next.get()));
-    const uint32_t index = backend_.remove_by_selector ? by_selector : static_cast<uint32_t>(ace.k_index);
-    for (const uint8_t dir : kernel_dirs(backend_, ace.dir)) {
-      const XfrmPolicyArgs selector = binding.policy(ace.ace, dir, kPolicyAllow);
-      if (kestrix_nlink_policy_getordel(nl_, kDelete, selector, index, delete_counter(counters_, dir)) != 0) {
-        cpa_log(LOG_ERR, " %s", "ERROR: Could not delete policy");
-        return CRYPTO_ERR_INTERNAL;
-      }
+    const uint32_t index = backend_.remove_by_selector ? kBySelector : static_cast<uint32_t>(ace.k_index);
+    if (delete_policies(ace, binding, index) != kernel_dirs(backend_, ace.dir).size()) {
+      cpa_log(LOG_ERR, " %s", "ERROR: Could not delete policy");
+      return CRYPTO_ERR_INTERNAL;
     }
   }
   cpa_log(LOG_INFO, "Returning success from kestrix_nl_policy_delete");

@@ -6,6 +6,7 @@
 // The handlers call it once per request, after their table work.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "base/counters.h"
@@ -42,8 +43,10 @@ class TunnelKernelProgram {
   // (transport mode and ESP, or the template of the tunnel's outbound SAs
   // where templates follow them) and puts the inbound twins at the head of
   // its ACE list. `update` 0 adds, non-zero replaces. At the first failing
-  // ACE only that ACE's outbound policy is taken back; the kernel policies
-  // of the ACEs before it stay.
+  // ACE every kernel policy the call added is deleted again (that ACE's own
+  // at once, the earlier ACEs' then, one line telling how many), so after an
+  // add the kernel holds what it held before the call (a replaced kernel
+  // policy is not put back).
   ce_status_t install_policy(const cpa_interface_t& tunnel, cpa_spd_policy_t* policy,
                              uint32_t update);
 
@@ -79,6 +82,8 @@ class TunnelKernelProgram {
   int follow_sa(const cpa_interface_t& tunnel, const kestrix_ce_cipher_list_t& record);
   ce_status_t install_ace(const kestrix_crypto_ace& ace, uint32_t update, const Binding& binding);
   int add_inbound(uint32_t update, XfrmPolicyArgs in);
+  void take_back(const cpa_spd_policy_t& policy, const ace_netlink_t* failed, const Binding& binding);
+  size_t delete_policies(const ace_netlink_t& ace, const Binding& binding, uint32_t index);
 
   NetlinkTransport& nl_;
   const KernelBackend& backend_;

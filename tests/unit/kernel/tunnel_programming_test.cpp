@@ -111,7 +111,7 @@ TEST_P(Programming, FollowsTheTranscriptOfItsBackend) {
   const kestrix_crypto_ace& twin = tunnel().head_policy.head()->ace_entry.head()->ace;
   EXPECT_EQ(twin.ip_type + twin.type + twin.selector.ipv4.local_port.num_port, 0u);
 
-  // Refused installs take back only the failing ACE.
+  // A refused install takes back every kernel policy it added, twins and forward copies included.
   step("install ace 3 and deny-jump ace 1", [&] { return install(policy({ace(3), ace(1, kestrix_ace_deny_jump)})); });
   step("install an IPv6 ace", [&] { return install(policy({ace(4, kestrix_ace_permit, 6)})); });
   step("install without an RP to notify", [&] { return install(policy({ace(4)}, 0)); });

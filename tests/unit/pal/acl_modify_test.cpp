@@ -72,6 +72,7 @@ TEST_F(AclModify, StepsKeepTheNewestPolicyFirstAndJudgeDuplicatesByTheFirstAce) 
     uint32_t status;
     std::vector<uint32_t> policies;
     const char* line;
+    int held = -1;  // kernel policies after the step; -1: not looked at
   } steps[] = {
       {5, acl({1}), {}, CRYPTO_NO_ERR, {1}, kNothing},  // replace with nothing to remove
       {2, acl({1, 5}), {}, CRYPTO_NO_ERR, {1}, kDuplicate},  // the same first ACE
@@ -87,7 +88,10 @@ TEST_F(AclModify, StepsKeepTheNewestPolicyFirstAndJudgeDuplicatesByTheFirstAce) 
       {2, acl({9}), {EEXIST}, CRYPTO_ERR_INTERNAL, {8, 2, 1}, "Error in outbound policy creation"},
       // The old policy goes first: a refused install leaves the tunnel without either.
       {5, acl({9}), {0, 0, EINVAL}, CRYPTO_ERR_INTERNAL, {2, 1}, nullptr},
-      {3, acl({9}), {}, CRYPTO_ERR_INVALID, {2, 1}, "Got an invalid code for acl processing 3\n"},
+      {3, acl({9}), {}, CRYPTO_ERR_INVALID, {2, 1}, "Got an invalid code for acl processing 3\n", 9},
+      // Refused at the second ACE: the first one's policies go again, so the retry finds the kernel as it was.
+      {2, acl({10, 11}), {0, 0, EEXIST}, CRYPTO_ERR_INTERNAL, {2, 1}, "Error in outbound policy creation", 9},
+      {2, acl({10, 11}), {}, CRYPTO_NO_ERR, {10, 2, 1}, nullptr, 9 + 4},
   };
   for (const Step& s : steps) {
     const std::string what = ::testing::PrintToString(s.policies);
@@ -98,11 +102,14 @@ TEST_F(AclModify, StepsKeepTheNewestPolicyFirstAndJudgeDuplicatesByTheFirstAce) 
     if (s.line) {
       EXPECT_EQ(t.log.count(s.line), 1) << s.line;
     }
+    if (s.held >= 0) {
+      EXPECT_EQ(t.kernel.policies().size(), static_cast<size_t>(s.held)) << what;
+    }
   }
   const cpa_pal_ctr_t& pal = t.agent.counters.dbg_ctrs;
   EXPECT_EQ(std::vector<uint64_t>({pal.p_acl_insert_req, pal.p_acl_insert_respok, pal.p_acl_insert_resperr,
                                    pal.p_acl_delete_req, pal.p_acl_delete_respok}),
-            std::vector<uint64_t>({11, 9, 2, 2, 2}));
+            std::vector<uint64_t>({13, 10, 3, 2, 2}));
 }
 
 }  // namespace
