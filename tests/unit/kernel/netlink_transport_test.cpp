@@ -12,6 +12,7 @@
 #include "fakes/kernel_test_agent.h"
 #include "kernel/netlink_socket.h"
 #include "kernel/xfrm_policy.h"
+#include "support/returns_within.h"
 #include "support/wire_reader.h"
 
 namespace cpa::test {
@@ -42,7 +43,7 @@ TEST_F(Transport, AcknowledgementAcceptsAndRefusalIsTheKernelsErrorLoggedWithIts
 
 // The requests' own sequence numbers are checked with their bytes.
 TEST_F(Transport, WithoutASocketTheAttemptStillTakesASequenceNumber) {
-  NetlinkTransport detached(t.devices);
+  NetlinkTransport detached(t.devices, t.agent.counters.netlink_dbg_ctrs.n_answer_timeout);
   Message request = policy_get();
   EXPECT_EQ(detached.kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size()), -EBADF);
   EXPECT_TRUE(t.log.has(LOG_ERR, "Cannot send, N/L socket fd is invalid!"));
@@ -61,6 +62,21 @@ TEST_F(Transport, LateAnswersAreSkippedButLaterOrForeignOnesFail) {
   t.kernel.answer_next({nl_error(next_seq(), 4242, 0)});
   EXPECT_EQ(send(), -EPROTO);
   EXPECT_TRUE(t.log.has(LOG_ERR, "ERROR: (nh->nlmsg_seq[3] > seq[3]!)or (nh->nlmsg_pid != getpid())"));
+}
+
+TEST_F(Transport, ASilentKernelFailsTheRequestAtTheDeadlineAndItsLateAnswerIsSkipped) {
+  ctr32& timeouts = t.agent.counters.netlink_dbg_ctrs.n_answer_timeout;
+  NetlinkTransport nl(t.devices, timeouts, platform_dialect(), std::chrono::milliseconds(50));
+  nl.attach(t.kernel.request_socket());
+  Message request = policy_get();
+  auto exchange = [&] { return nl.kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size()); };
+  t.kernel.ignore_next();
+  EXPECT_EQ(returns_within(nl.nlsock_fd(), exchange), -ETIMEDOUT);
+  EXPECT_EQ(t.log.texts(LOG_ERR), std::vector<std::string>{"No netlink answer to request 1 within 50 ms"});
+  EXPECT_EQ(timeouts, 1u);
+
+  t.kernel.answer_next({nl_error(1, getpid(), 0), nl_error(2, getpid(), ENOENT)});  // the first one, late
+  EXPECT_EQ(exchange(), -ENOENT);
 }
 
 TEST_F(Transport, ShortAndMalformedAnswersFail) {
@@ -86,7 +102,8 @@ TEST(TransportSocket, SendAndReceiveFailuresAreReported) {
   net_buf answer{};
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);
-  NetlinkTransport nl(devices);
+  ctr32 timeouts;
+  NetlinkTransport nl(devices, timeouts);
   nl.attach(ScopedFd(ends[0]));
   ScopedFd kernel(ends[1]);
   Message request = policy_get();
@@ -126,7 +143,8 @@ TEST(RealKernel, SocketsBindToTheirGroupsAndAnAbsentPolicyIsTheKernelsError) {
     EXPECT_TRUE(log.has(LOG_ERR, "Cannot create socket with wrong N/L group"));
 
     KernelNetDeviceSysCalls devices;
-    NetlinkTransport nl(devices);
+    ctr32 timeouts;
+    NetlinkTransport nl(devices, timeouts);
     nl.attach(std::move(request));
     const XfrmPolicyArgs policy{.dst = 0x0a000002, .dmask = 32, .dir = 1};
     EXPECT_EQ(kestrix_nlink_policy_getordel(nl, 0, policy, 0, nullptr), -ENOENT);
