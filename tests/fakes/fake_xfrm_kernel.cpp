@@ -237,11 +237,6 @@ void FakeXfrmKernel::answer_next(std::vector<Message> datagrams) {
   scripts_.push_back({0, std::move(datagrams)});
 }
 
-void FakeXfrmKernel::ignore_next() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  scripts_.push_back({0, {}, true});
-}
-
 void FakeXfrmKernel::multicast(uint32_t groups, const Message& message) {
   std::lock_guard<std::mutex> lock(mutex_);
   multicast_locked(groups, message);
@@ -323,7 +318,6 @@ FakeXfrmKernel::Outcome FakeXfrmKernel::answer(const Message& request) {
     script = std::move(scripts_.front());
     scripts_.pop_front();
   }
-  if (script.silent) return {};
   if (!script.raw.empty()) return {script.raw, {}};
   if (script.error) return {{error_answer(request, script.error, agent_pid_)}, {}};
   const std::string wrong = check_request(request);

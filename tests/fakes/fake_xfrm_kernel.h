@@ -81,8 +81,6 @@ class FakeXfrmKernel {
   void refuse_next(int error);
   // The next request is answered with these datagrams, tables untouched.
   void answer_next(std::vector<Message> datagrams);
-  // The next request is never answered, tables untouched.
-  void ignore_next();
   // Sends `message` to every monitor subscribed to one of `groups`.
   void multicast(uint32_t groups, const Message& message);
 
@@ -107,7 +105,6 @@ class FakeXfrmKernel {
   struct Script {
     int error = 0;
     std::vector<Message> raw;
-    bool silent = false;
   };
 
   template <class T>

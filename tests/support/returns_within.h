@@ -1,23 +1,21 @@
-// Runs a call that reads `fd` and reports whether it returned within a time
-// limit; a call still blocked then is ended by shutting the socket down, so a
-// regression fails the test instead of hanging it.
+// The result of `call`, which reads `fd`, or nothing when it is still blocked
+// after two seconds: then the socket is shut down to end it, so that a call
+// that waits fails its test instead of hanging it.
 #pragma once
 
 #include <sys/socket.h>
 
-#include <chrono>
 #include <future>
 #include <optional>
 
 namespace cpa::test {
 
 template <class Call>
-std::optional<int> returns_within(int fd, Call call, std::chrono::milliseconds limit = std::chrono::seconds(2)) {
+std::optional<int> returns_within(int fd, Call call) {
   auto result = std::async(std::launch::async, call);
-  if (result.wait_for(limit) == std::future_status::ready) return result.get();
+  if (result.wait_for(std::chrono::seconds(2)) == std::future_status::ready) return result.get();
   shutdown(fd, SHUT_RDWR);
-  result.wait();
-  return std::nullopt;
+  return std::nullopt;  // the future's destructor waits for the call to end
 }
 
 }  // namespace cpa::test
