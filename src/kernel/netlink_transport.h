@@ -24,10 +24,6 @@ const KernelDialect& platform_dialect();
 inline constexpr size_t kNetBufSize = 4096;
 using net_buf = std::array<uint8_t, kNetBufSize>;
 
-// How long a request waits for the kernel's answer before it fails with
-// ETIMEDOUT: a silent kernel must not hold up the main loop.
-inline constexpr std::chrono::milliseconds kNetlinkAnswerDeadline{1000};
-
 class NetlinkTransport {
  public:
   // `timeouts` counts the requests whose answer missed `deadline`.
