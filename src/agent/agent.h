@@ -38,7 +38,7 @@ struct Agent {
         backend(kernel_backend(s.kernel_flavour)),
         sys(seams),
         trace(seams.clock),
-        nlink(seams.devices, backend.dialect),
+        nlink(seams.devices, counters.netlink_dbg_ctrs.n_answer_timeout, backend.dialect),
         kernel(nlink, backend, counters.netlink_dbg_ctrs, s.g_replay_window_size) {}
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;

@@ -62,6 +62,8 @@ struct cpa_netlink_global_ctr_s {
   cpa_netlink_ctr_t n_outbound_sa_add, n_outbound_sa_del;
   cpa_netlink_ctr_t n_inbound_sa_add, n_inbound_sa_del;
   ctr32 n_syscall_err, n_notify_new_policy_req, n_notify_acquire_msg;  // kept, not reported
+  ctr32 n_answer_timeout;  // requests the kernel did not answer in time
+  ctr32 n_event_drop;      // monitor datagrams dropped as truncated or malformed
 };
 using cpa_netlink_global_ctr_t = cpa_netlink_global_ctr_s;
 

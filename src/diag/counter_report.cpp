@@ -106,6 +106,8 @@ void write_netlink_section(ReportWriter& w, const cpa_netlink_global_ctr_t& c) {
   w.row(rest, "Outbound SA Del", c.n_outbound_sa_del);
   w.row(rest, "Inbound SA Add", c.n_inbound_sa_add);
   w.row(rest, "Inbound SA Del", c.n_inbound_sa_del);
+  w.single("\n %s \t\t\t %7lu ", "Answer timeouts", c.n_answer_timeout);
+  w.single("\n %s \t\t\t\t %7lu ", "Event drops", c.n_event_drop);
 }
 
 void write_misc_section(ReportWriter& w, const cpa_misc_ctr_t& c) {

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -136,23 +137,26 @@ bool kestrix_nlink_handle_datagram(const NetlinkListenerContext& ctx, ReceivedBy
 }
 
 int kestrix_nlink_listener(const NetlinkListenerContext& ctx, int nl_fd) {
-  uint8_t datagram[kNetBufSize];
+  // The main thread's only: off its stack, and large enough for any event whole.
+  static std::array<uint8_t, kEventBufSize> datagram;
   for (;;) {
-    const ssize_t n = recvfrom(nl_fd, datagram, sizeof datagram, 0, nullptr, nullptr);
+    const ssize_t n = recvfrom(nl_fd, datagram.data(), datagram.size(), MSG_DONTWAIT, nullptr, nullptr);
     if (n == 0) {
       cpa_log(LOG_ERR, "netlink receive EOF! ");
       return 1;
     }
     if (n < 0) {
       const int err = errno;
-      if (err == EINTR || err == EAGAIN || err == ENOMEM || err == ENOBUFS) {
+      if (err == EAGAIN) return 0;  // nothing (more) queued: back to the main loop
+      if (err == EINTR || err == ENOMEM || err == ENOBUFS) {
         cpa_log(LOG_ERR, "Got errno: %d\n", err);
         continue;
       }
       cpa_log(LOG_ERR, "netlink receive error %s (%d)\n", std::strerror(err), err);
       return 1;
     }
-    if (kestrix_nlink_handle_datagram(ctx, ReceivedBytes(datagram, static_cast<size_t>(n)))) return 0;
+    if (kestrix_nlink_handle_datagram(ctx, ReceivedBytes(datagram.data(), static_cast<size_t>(n)))) return 0;
+    ctx.counters.n_event_drop++;
   }
 }
 

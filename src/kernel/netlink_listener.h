@@ -21,9 +21,13 @@ struct NetlinkListenerContext {
   cpa_netlink_global_ctr_t& counters;
 };
 
-// Reads datagrams from the monitor socket until a well-formed one arrives and
-// handles its first message. Returns 0 when a message was read (handled or
-// ignored), 1 on end of file or an error that receiving again cannot cure.
+// The largest event read whole; a longer one arrives cut short and is dropped.
+inline constexpr size_t kEventBufSize = 65536;
+
+// Reads datagrams from the monitor socket, never waiting, until a well-formed
+// one arrives and handles its first message; malformed ones are dropped and
+// counted. Returns 0 when a message was read (handled or ignored) or nothing
+// is queued, 1 on end of file or an error that receiving again cannot cure.
 int kestrix_nlink_listener(const NetlinkListenerContext& ctx, int nl_fd);
 
 // One datagram from the monitor socket. Returns false when it is malformed

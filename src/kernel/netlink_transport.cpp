@@ -1,6 +1,7 @@
 #include "kernel/netlink_transport.h"
 
 #include <linux/netlink.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -28,8 +29,13 @@ bool header_fits(uint32_t nlmsg_len, size_t available) {
 
 }  // namespace
 
-NetlinkTransport::NetlinkTransport(NetDeviceSysCalls& devices, const KernelDialect& dialect)
-    : devices_(devices), dialect_(dialect), port_id_(static_cast<uint32_t>(getpid())) {}
+NetlinkTransport::NetlinkTransport(NetDeviceSysCalls& devices, ctr32& timeouts, const KernelDialect& dialect,
+                                   std::chrono::milliseconds deadline)
+    : devices_(devices),
+      dialect_(dialect),
+      timeouts_(timeouts),
+      deadline_(deadline),
+      port_id_(static_cast<uint32_t>(getpid())) {}
 
 int NetlinkTransport::kestrix_nlink_send(uint8_t* buf, size_t len, uint8_t* answer,
                                          size_t recvsize) {
@@ -40,8 +46,9 @@ int NetlinkTransport::kestrix_nlink_send(uint8_t* buf, size_t len, uint8_t* answ
     return -EBADF;
   }
   if (const int error = send_request(buf, len)) return error;
+  const auto deadline = std::chrono::steady_clock::now() + deadline_;
   for (;;) {
-    const ssize_t n = receive_answer(answer, recvsize);
+    const ssize_t n = receive_answer(answer, recvsize, deadline, seq);
     if (n < 0) return static_cast<int>(n);
     const ReceivedBytes got(answer, static_cast<size_t>(n));
     switch (check_answer(got, seq)) {
@@ -73,17 +80,37 @@ int NetlinkTransport::send_request(const uint8_t* buf, size_t len) {
   return 0;
 }
 
-// Blocks until a datagram arrives; only a signal makes it try again. A
-// failure is a negative errno (EIO for the end of the stream).
-ssize_t NetlinkTransport::receive_answer(uint8_t* answer, size_t recvsize) {
+// Waits for a datagram until `deadline`; only a signal makes it try again. A
+// failure is a negative errno (EIO for the end of the stream, ETIMEDOUT when
+// the deadline passed, logged and counted).
+ssize_t NetlinkTransport::receive_answer(uint8_t* answer, size_t recvsize,
+                                         std::chrono::steady_clock::time_point deadline, uint32_t seq) {
   for (;;) {
+    if (!wait_readable(deadline)) {
+      timeouts_++;
+      cpa_log(LOG_ERR, "No netlink answer to request %u within %d ms", seq, static_cast<int>(deadline_.count()));
+      return -ETIMEDOUT;
+    }
     errno = 0;  // an end of file sets none
-    const ssize_t n = recvfrom(nlsock_fd_.get(), answer, recvsize, 0, nullptr, nullptr);
+    const ssize_t n = recvfrom(nlsock_fd_.get(), answer, recvsize, MSG_DONTWAIT, nullptr, nullptr);
     if (n > 0) return n;
     const int err = errno;
+    if (n < 0 && err == EAGAIN) continue;
     cpa_log(LOG_ERR, "netlink receive error %s (%d)\n", std::strerror(err), err);
     if (n < 0 && err == EINTR) continue;
     return err ? -err : -EIO;
+  }
+}
+
+// True once the socket has something to read (or has failed), false when the
+// deadline passed first.
+bool NetlinkTransport::wait_readable(std::chrono::steady_clock::time_point deadline) {
+  for (;;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return false;
+    pollfd p{nlsock_fd_.get(), POLLIN, 0};
+    const int ready = poll(&p, 1, static_cast<int>(left.count()));
+    if (ready > 0 || (ready < 0 && errno != EINTR)) return true;  // recvfrom tells the failure
   }
 }
 

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
@@ -25,8 +26,10 @@ using net_buf = std::array<uint8_t, kNetBufSize>;
 
 class NetlinkTransport {
  public:
-  explicit NetlinkTransport(NetDeviceSysCalls& devices,
-                            const KernelDialect& dialect = platform_dialect());
+  // `timeouts` counts the requests whose answer missed `deadline`.
+  NetlinkTransport(NetDeviceSysCalls& devices, ctr32& timeouts,
+                   const KernelDialect& dialect = platform_dialect(),
+                   std::chrono::milliseconds deadline = kNetlinkAnswerDeadline);
   NetlinkTransport(const NetlinkTransport&) = delete;
   NetlinkTransport& operator=(const NetlinkTransport&) = delete;
 
@@ -48,8 +51,10 @@ class NetlinkTransport {
   // is written here) and waits for the kernel's answer, left in `answer`.
   // Returns 0 when the kernel accepted the request (or answered a get with
   // the object), else a negative errno: the kernel's refusal, the socket's
-  // failure (EBADF without a socket, EIO when it ends), or EBADMSG / EPROTO
-  // for an answer that is malformed or not the request's.
+  // failure (EBADF without a socket, EIO when it ends), ETIMEDOUT when no
+  // answer came within the deadline, or EBADMSG / EPROTO for an answer that is
+  // malformed or not the request's. Answers to earlier requests that timed out
+  // are skipped.
   int kestrix_nlink_send(uint8_t* buf, size_t len, uint8_t* answer, size_t recvsize);
 
   // Sends `request`, which must be complete (else -EMSGSIZE, nothing sent);
@@ -58,13 +63,17 @@ class NetlinkTransport {
 
  private:
   int send_request(const uint8_t* buf, size_t len);
-  ssize_t receive_answer(uint8_t* answer, size_t recvsize);
+  ssize_t receive_answer(uint8_t* answer, size_t recvsize,
+                         std::chrono::steady_clock::time_point deadline, uint32_t seq);
+  bool wait_readable(std::chrono::steady_clock::time_point deadline);
   enum class Answer { kLate, kMine, kMalformed, kForeign };
   Answer check_answer(ReceivedBytes got, uint32_t seq);
   int answer_status(ReceivedBytes got);
 
   NetDeviceSysCalls& devices_;
   const KernelDialect& dialect_;
+  ctr32& timeouts_;
+  const std::chrono::milliseconds deadline_;
   ScopedFd nlsock_fd_;
   uint32_t g_seq_ = 1;
   uint32_t port_id_;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/netlink.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "base/log.h"
 #include "wire/received_bytes.h"
 
 namespace cpa {
@@ -30,9 +32,17 @@ SysCallResult outcome(int rc) { return {rc, rc < 0 ? errno : 0}; }
 // The kernel's answer to the one request sent on a fresh socket: the error
 // code of its acknowledgement, read only from the bytes that arrived.
 SysCallResult route_ack(int fd) {
+  pollfd p{fd, POLLIN, 0};
+  int ready;
+  do ready = poll(&p, 1, static_cast<int>(kNetlinkAnswerDeadline.count()));
+  while (ready < 0 && errno == EINTR);
+  if (ready == 0) {
+    cpa_log(LOG_ERR, "No rtnetlink answer within %d ms", static_cast<int>(kNetlinkAnswerDeadline.count()));
+    return {-1, ETIMEDOUT};
+  }
   uint8_t answer[1024];
   ssize_t n;
-  do n = ::recv(fd, answer, sizeof answer, 0);
+  do n = ::recv(fd, answer, sizeof answer, MSG_DONTWAIT);
   while (n < 0 && errno == EINTR);
   if (n < 0) return outcome(-1);
   const ReceivedBytes got(answer, static_cast<size_t>(n));

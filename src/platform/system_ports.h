@@ -5,6 +5,7 @@
 
 #include <time.h>
 
+#include <chrono>
 #include <cstddef>
 
 namespace cpa {
@@ -46,9 +47,14 @@ class NetDeviceSysCalls {
   virtual SysCallResult ioctl(int fd, unsigned long request, void* arg) = 0;
   virtual SysCallResult close(int fd) = 0;
   // Sends one NETLINK_ROUTE request (a whole message, header first) and
-  // waits for the kernel's acknowledgement: rc 0, or -1 with its error.
+  // waits for the kernel's acknowledgement: rc 0, or -1 with its error
+  // (ETIMEDOUT past kNetlinkAnswerDeadline).
   virtual SysCallResult route_request(const void* msg, size_t len) = 0;
 };
+
+// How long a netlink request waits for the kernel's answer before it fails
+// with ETIMEDOUT: a silent kernel must not hold up the main loop.
+inline constexpr std::chrono::milliseconds kNetlinkAnswerDeadline{1000};
 
 // A descriptor opened through a NetDeviceSysCalls, closed through it on every path.
 class SysCallFd {

@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "fakes/kernel_test_agent.h"
+#include "support/returns_within.h"
 #include "support/wire_builder.h"
 
 namespace cpa::test {
@@ -105,6 +106,22 @@ TEST_F(Listener, MalformedDatagramsAreLoggedAndOnlyTheFirstMessageOfOneCounts) {
   EXPECT_EQ(listen(), 0);
   EXPECT_EQ(t.log.count("XFRM_MSG_NEWAE:"), 1);
   EXPECT_EQ(events.updates, (std::vector<Update>{{reqid, 0x41, 1}}));
+}
+
+// Nothing is queued behind them: a listener that waited for more would hang here.
+TEST_F(Listener, ALyingOrLargeEventIsReadWithoutWaitingForMore) {
+  const uint32_t reqid = t.open_tunnel(0x100);
+  Message lying = policy_event(19, 0, 0x31, 1, reqid), large = policy_event(19, 0, 0x61, 1, reqid);
+  lying[0] = 0xff;  // more than arrived
+  large.insert(large.end(), {0x8c, 0x13, 0, 0});  // an unknown attribute of 5004 bytes
+  large.resize(large.size() + 5000);
+  large[0] = static_cast<uint8_t>(large.size()), large[1] = static_cast<uint8_t>(large.size() >> 8);
+  for (const Message& m : {lying, large}) {
+    t.kernel.multicast(kXfrmGroupPolicy, m);
+    EXPECT_EQ(returns_within(monitor.get(), [&] { return listen(); }), 0);
+  }
+  EXPECT_EQ(t.agent.counters.netlink_dbg_ctrs.n_event_drop, 1u);
+  EXPECT_EQ(events.updates, (std::vector<Update>{{reqid, 0x61, 1}}));
 }
 
 TEST_F(Listener, PoliciesWithoutUsableTemplateOrTunnelChangeNothing) {

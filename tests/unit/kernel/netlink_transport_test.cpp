@@ -12,6 +12,7 @@
 #include "fakes/kernel_test_agent.h"
 #include "kernel/netlink_socket.h"
 #include "kernel/xfrm_policy.h"
+#include "support/returns_within.h"
 #include "support/wire_reader.h"
 
 namespace cpa::test {
@@ -42,7 +43,7 @@ TEST_F(Transport, AcknowledgementAcceptsAndRefusalIsTheKernelsErrorLoggedWithIts
 
 // The requests' own sequence numbers are checked with their bytes.
 TEST_F(Transport, WithoutASocketTheAttemptStillTakesASequenceNumber) {
-  NetlinkTransport detached(t.devices);
+  NetlinkTransport detached(t.devices, t.agent.counters.netlink_dbg_ctrs.n_answer_timeout);
   Message request = policy_get();
   EXPECT_EQ(detached.kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size()), -EBADF);
   EXPECT_TRUE(t.log.has(LOG_ERR, "Cannot send, N/L socket fd is invalid!"));
@@ -80,25 +81,34 @@ TEST_F(Transport, ShortAndMalformedAnswersFail) {
   }
 }
 
-TEST(TransportSocket, SendAndReceiveFailuresAreReported) {
+TEST(TransportSocket, SilenceTimesOutLateAnswersAreSkippedAndSocketFailuresAreReported) {
   LogCapture log;
   FakeNetDevices devices;
   net_buf answer{};
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);
-  NetlinkTransport nl(devices);
+  ctr32 timeouts;
+  NetlinkTransport nl(devices, timeouts, platform_dialect(), std::chrono::milliseconds(50));
   nl.attach(ScopedFd(ends[0]));
   ScopedFd kernel(ends[1]);
   Message request = policy_get();
+  auto exchange = [&] { return nl.kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size()); };
+
+  EXPECT_EQ(returns_within(nl.nlsock_fd(), exchange), -ETIMEDOUT);
+  EXPECT_EQ(log.texts(LOG_ERR), std::vector<std::string>{"No netlink answer to request 1 within 50 ms"});
+  EXPECT_EQ(timeouts, 1u);
+  for (const Message& m : {nl_error(1, getpid(), 0), nl_error(2, getpid(), ENOENT)})  // the late one first
+    send(kernel.get(), m.data(), m.size(), 0);
+  EXPECT_EQ(exchange(), -ENOENT);
 
   shutdown(kernel.get(), SHUT_WR);  // the kernel end will never answer
-  EXPECT_EQ(nl.kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size()), -EIO);
+  EXPECT_EQ(exchange(), -EIO);
   EXPECT_TRUE(log.has(LOG_ERR, "netlink receive error Success (0)\n"));
 
-  uint8_t first[128];
-  ASSERT_EQ(recv(kernel.get(), first, sizeof first, 0), 88);
+  uint8_t request_read[128];  // a close with requests unread would be a reset, not a broken pipe
+  while (recv(kernel.get(), request_read, sizeof request_read, MSG_DONTWAIT) == 88) {}
   kernel.reset();
-  EXPECT_EQ(nl.kestrix_nlink_send(request.data(), request.size(), answer.data(), answer.size()), -EPIPE);
+  EXPECT_EQ(exchange(), -EPIPE);
   EXPECT_TRUE(log.has(LOG_ERR, "netlink send error Broken pipe (32)\n"));
 }
 
@@ -126,7 +136,8 @@ TEST(RealKernel, SocketsBindToTheirGroupsAndAnAbsentPolicyIsTheKernelsError) {
     EXPECT_TRUE(log.has(LOG_ERR, "Cannot create socket with wrong N/L group"));
 
     KernelNetDeviceSysCalls devices;
-    NetlinkTransport nl(devices);
+    ctr32 timeouts;
+    NetlinkTransport nl(devices, timeouts);
     nl.attach(std::move(request));
     const XfrmPolicyArgs policy{.dst = 0x0a000002, .dmask = 32, .dir = 1};
     EXPECT_EQ(kestrix_nlink_policy_getordel(nl, 0, policy, 0, nullptr), -ENOENT);
