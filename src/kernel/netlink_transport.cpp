@@ -1,8 +1,8 @@
 #include "kernel/netlink_transport.h"
 
 #include <linux/netlink.h>
-#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -36,6 +36,14 @@ NetlinkTransport::NetlinkTransport(NetDeviceSysCalls& devices, ctr32& timeouts, 
       timeouts_(timeouts),
       deadline_(deadline),
       port_id_(static_cast<uint32_t>(getpid())) {}
+
+void NetlinkTransport::attach(ScopedFd nlsock_fd) {
+  nlsock_fd_ = std::move(nlsock_fd);
+  const auto usec = std::chrono::duration_cast<std::chrono::microseconds>(deadline_).count();
+  const timeval timeout{static_cast<time_t>(usec / 1000000), static_cast<suseconds_t>(usec % 1000000)};
+  if (nlsock_fd_.valid() && setsockopt(nlsock_fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout) < 0)
+    cpa_log(LOG_ERR, "setsockopt() SO_RCVTIMEO error, reason: %s", std::strerror(errno));
+}
 
 int NetlinkTransport::kestrix_nlink_send(uint8_t* buf, size_t len, uint8_t* answer,
                                          size_t recvsize) {
@@ -80,38 +88,30 @@ int NetlinkTransport::send_request(const uint8_t* buf, size_t len) {
   return 0;
 }
 
-// Waits for a datagram until `deadline`; only a signal makes it try again. A
-// failure is a negative errno (EIO for the end of the stream, ETIMEDOUT when
-// the deadline passed, logged and counted).
+// Waits for a datagram until `deadline` (each receive times out after the
+// whole deadline, so a late answer arriving near its end can stretch the
+// wait once more); only a signal makes it try again. A failure is a negative
+// errno (EIO for the end of the stream, ETIMEDOUT when the deadline passed,
+// logged and counted).
 ssize_t NetlinkTransport::receive_answer(uint8_t* answer, size_t recvsize,
                                          std::chrono::steady_clock::time_point deadline, uint32_t seq) {
   for (;;) {
-    if (!wait_readable(deadline)) {
-      timeouts_++;
-      cpa_log(LOG_ERR, "No netlink answer to request %u within %d ms", seq, static_cast<int>(deadline_.count()));
-      return -ETIMEDOUT;
-    }
+    if (std::chrono::steady_clock::now() >= deadline) return timed_out(seq);
     errno = 0;  // an end of file sets none
-    const ssize_t n = recvfrom(nlsock_fd_.get(), answer, recvsize, MSG_DONTWAIT, nullptr, nullptr);
+    const ssize_t n = recvfrom(nlsock_fd_.get(), answer, recvsize, 0, nullptr, nullptr);
     if (n > 0) return n;
     const int err = errno;
-    if (n < 0 && err == EAGAIN) continue;
+    if (n < 0 && (err == EAGAIN || err == EWOULDBLOCK)) return timed_out(seq);
     cpa_log(LOG_ERR, "netlink receive error %s (%d)\n", std::strerror(err), err);
     if (n < 0 && err == EINTR) continue;
     return err ? -err : -EIO;
   }
 }
 
-// True once the socket has something to read (or has failed), false when the
-// deadline passed first.
-bool NetlinkTransport::wait_readable(std::chrono::steady_clock::time_point deadline) {
-  for (;;) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) return false;
-    pollfd p{nlsock_fd_.get(), POLLIN, 0};
-    const int ready = poll(&p, 1, static_cast<int>(left.count()));
-    if (ready > 0 || (ready < 0 && errno != EINTR)) return true;  // recvfrom tells the failure
-  }
+ssize_t NetlinkTransport::timed_out(uint32_t seq) {
+  timeouts_++;
+  cpa_log(LOG_ERR, "No netlink answer to request %u within %d ms", seq, static_cast<int>(deadline_.count()));
+  return -ETIMEDOUT;
 }
 
 NetlinkTransport::Answer NetlinkTransport::check_answer(ReceivedBytes got, uint32_t seq) {

@@ -34,7 +34,9 @@ class NetlinkTransport {
   NetlinkTransport& operator=(const NetlinkTransport&) = delete;
 
   // Hands over the request socket (a NETLINK_XFRM socket bound to no group).
-  void attach(ScopedFd nlsock_fd) { nlsock_fd_ = std::move(nlsock_fd); }
+  // Its receive time-out is the answer deadline, so that waiting for an
+  // answer costs one blocking receive and no poll.
+  void attach(ScopedFd nlsock_fd);
   int nlsock_fd() const { return nlsock_fd_.get(); }
 
   // The message bodies of the kernel the requests are built for.
@@ -65,7 +67,7 @@ class NetlinkTransport {
   int send_request(const uint8_t* buf, size_t len);
   ssize_t receive_answer(uint8_t* answer, size_t recvsize,
                          std::chrono::steady_clock::time_point deadline, uint32_t seq);
-  bool wait_readable(std::chrono::steady_clock::time_point deadline);
+  ssize_t timed_out(uint32_t seq);  // logs and counts a missed deadline: -ETIMEDOUT
   enum class Answer { kLate, kMine, kMalformed, kForeign };
   Answer check_answer(ReceivedBytes got, uint32_t seq);
   int answer_status(ReceivedBytes got);
