@@ -58,6 +58,9 @@ SysCallFd ioctl_socket(NetDeviceSysCalls& sys) {
   return SysCallFd(sys, opened);
 }
 
+// A failed call's result: its negative errno, never 0.
+int failed(int error) { return error ? -error : -EIO; }
+
 void print_ioctl_error(int error) { std::fprintf(stderr, "ioctl: %s\n", std::strerror(error)); }
 
 // ---- the stand-in: a persistent tun device of the tunnel's name ----------
@@ -179,9 +182,9 @@ int kestrix_ifname_to_tunid(const char* ifname) {
 }
 
 int svti_add(NetDeviceSysCalls& sys, const char* ifname, const DeviceOps& ops) {
-  if (!name_fits(ifname)) return 1;
+  if (!name_fits(ifname)) return -ENAMETOOLONG;
   const SysCallFd s = ioctl_socket(sys);
-  if (!s.valid()) return 1;
+  if (!s.valid()) return failed(s.error());
   // A stale device is replaced once; should the new one collide again,
   // something else keeps creating it and the attach fails.
   for (bool replaced = false;; replaced = true) {
@@ -191,7 +194,7 @@ int svti_add(NetDeviceSysCalls& sys, const char* ifname, const DeviceOps& ops) {
     print_ioctl_error(error);
     if (error != EEXIST || replaced || !delete_stale(sys, ifname, ops)) {
       cpa_log(LOG_ERR, "interface already exists");
-      return 1;
+      return failed(error);
     }
   }
   cpa_log(LOG_INFO, "Created SVTI interface %s", ifname);
@@ -201,21 +204,21 @@ int svti_add(NetDeviceSysCalls& sys, const char* ifname, const DeviceOps& ops) {
 }
 
 int svti_del(NetDeviceSysCalls& sys, const char* ifname, const DeviceOps& ops) {
-  if (!name_fits(ifname)) return 1;
+  if (!name_fits(ifname)) return -ENAMETOOLONG;
   const SysCallFd s = ioctl_socket(sys);
-  if (!s.valid()) return 1;
+  if (!s.valid()) return failed(s.error());
   const int error = ops.remove(sys, s.get(), ifname);
   if (error == 0) return 0;
   cpa_log(LOG_ERR, "ioctl: failed");
   print_ioctl_error(error);
-  return 1;
+  return failed(error);
 }
 
 int setifflags(NetDeviceSysCalls& sys, int s, const char* vname, int value) {
   ifreq ifr = named_ifreq(vname);
   if (const SysCallResult r = sys.ioctl(s, SIOCGIFFLAGS, &ifr); r.rc < 0) {
     cpa_log(LOG_DEBUG, "socket failed: %s", std::strerror(r.error));
-    return 1;
+    return failed(r.error);
   }
   const auto flags = static_cast<uint16_t>(ifr.ifr_flags);
   const auto bits = static_cast<uint16_t>(value < 0 ? -static_cast<long>(value) : value);
@@ -228,7 +231,7 @@ int setifflags(NetDeviceSysCalls& sys, int s, const char* vname, int value) {
   }
   if (r.rc < 0) {
     cpa_log(LOG_ERR, "socket failed: %s", std::strerror(r.error));
-    return 1;
+    return failed(r.error);
   }
   return 0;
 }

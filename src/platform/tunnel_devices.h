@@ -37,17 +37,17 @@ const DeviceOps& platform_device_ops();
 const DeviceOps& xfrm_interface_device_ops();
 
 // Creates the device and brings it up; a device of that name left from an
-// earlier run is deleted and created again. 0 on success, 1 on failure.
+// earlier run is deleted and created again. 0, or a negative errno.
 int svti_add(NetDeviceSysCalls& sys, const char* ifname,
              const DeviceOps& ops = platform_device_ops());
 
-// Deletes the device. 0 on success, 1 on failure.
+// Deletes the device. 0, or a negative errno.
 int svti_del(NetDeviceSysCalls& sys, const char* ifname,
              const DeviceOps& ops = platform_device_ops());
 
 // Sets the device's flags from `value` (a negative value clears the bits of
 // its magnitude, a positive one sets them) and its MTU to the tunnel MTU,
-// through the open socket `s`. 0 on success, 1 on failure.
+// through the open socket `s`. 0, or a negative errno.
 int setifflags(NetDeviceSysCalls& sys, int s, const char* vname, int value);
 
 // The interface index of tunnel `tunnel_id`'s SVTI device; 0 when there is none.

@@ -72,7 +72,7 @@ TEST(Devices, AFailingStepFailsTheAddOrDeleteAndClosesWhatItOpened) {
     LogCapture lines;
     FakeNetDevices k;
     c.inject(k);
-    EXPECT_EQ(c.del ? svti_del(k, "svti7") : svti_add(k, "svti7"), 1) << c.line;
+    EXPECT_LT(c.del ? svti_del(k, "svti7") : svti_add(k, "svti7"), 0) << c.line;
     EXPECT_TRUE(lines.has(c.priority, c.line)) << ::testing::PrintToString(lines.texts());
     check_descriptors(k);
   }
